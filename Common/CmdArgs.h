@@ -1,0 +1,83 @@
+// The agent command-line record: a command keyword and "-option value" pairs, read
+// left to right with a cursor against keyword tables whose handlers store values in
+// the record. Parse mode 14 is the path planner's.
+#ifndef COMMON_CMDARGS_H
+#define COMMON_CMDARGS_H
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+class CmdArgs;
+
+// Stores a keyword's value (null when missing) and returns RC_OK, RC_BAD_ARGS or
+// RC_MISSING_VALUE.
+typedef int32_t (*KeywordHandler)(const char* value, CmdArgs* args);
+
+// One row of a keyword table; a table ends with a row whose keyword is null.
+struct KeywordRow {
+    const char* keyword;
+    int32_t id;
+    KeywordHandler handler;
+    unsigned char takesValue;
+};
+
+// The agent's command keywords and general options, as data.
+extern const KeywordRow kCommandKeywords[];
+extern const KeywordRow kGeneralOptions[];
+
+constexpr uint32_t kParseModePathPlanner = 14;
+constexpr int32_t kCommandVersion = 2;      // path-planner mode: "-version" led the line
+constexpr int32_t kCommandMultipath = 1;    // path-planner mode: anything else
+constexpr int32_t kJobTypeMultipath = 11;
+
+class CmdArgs {
+public:
+    CmdArgs(int32_t argc, const char* const* argv, uint32_t parseMode);
+
+    // RC_OK, RC_NO_COMMAND, RC_BAD_ARGS, RC_MISSING_VALUE or RC_NO_INSTALL_DIR.
+    int32_t parse();
+    // The installation directory: the one given, else the platform's; may be empty.
+    std::string getInstallDir();
+
+    // Grammar state.
+    uint32_t parseMode;
+    int32_t argc;
+    const char* const* argv;
+    int32_t cursor = 1;
+    int32_t commandCode = 0;
+    std::string commandName;
+    std::string currentArg;
+    std::string errorText;
+    std::string installDir;
+
+    // Values of the path-planner options.
+    std::string debugMode;   // "MIN", "MID", "MAX"
+    int32_t debugLevel = 0;  // 3, 2, 1
+    int32_t maxLogSize = 0;  // KB; -1 when the value was missing
+    int32_t maxNumLogs = 0;
+    int32_t maxNumRuns = 0;
+    int32_t maxNumDays = 0;
+    std::string serverIp;
+    std::string serverName;
+    int32_t serverPort = 0;
+    std::string multipathValue;                 // the raw request, unchanged
+    std::vector<std::string> multipathOptions;  // its tokens
+
+    // Files settled by a successful parse.
+    std::string logFileName;    // empty: the default activity log
+    std::string traceFileName;  // empty: no trace
+    std::string jobName;        // job-name part, "multipath" for the path planner
+    std::string jobFileName;    // set by the finishing step
+    int32_t jobRunNumber = -1;
+    int32_t sidRunNumber = -1;
+    time_t jobStartTime = -1;
+    time_t jobEndTime = -1;
+};
+
+// Cuts a "multipath" value at ";" into args->multipathOptions (quotes removed per
+// token) and keeps the raw value: RC_OK, or RC_MISSING_VALUE when value is null.
+int32_t splitMultipathValue(const char* value, CmdArgs* args);
+
+#endif

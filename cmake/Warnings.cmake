@@ -1,0 +1,18 @@
+# One interface target carries the warning and sanitizer flags; every target links it.
+add_library(pp_warnings INTERFACE)
+target_compile_options(pp_warnings INTERFACE -Wall -Wextra -Wformat=2 -Wshadow -Wno-unused-parameter)
+target_compile_definitions(pp_warnings INTERFACE _FILE_OFFSET_BITS=64 _LARGEFILE64_SOURCE)
+# Includes start at the repository root, so each include names its folder.
+target_include_directories(pp_warnings INTERFACE ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/generated)
+
+if(PP_SANITIZE)
+  target_compile_options(pp_warnings INTERFACE -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  target_link_options(pp_warnings INTERFACE -fsanitize=address,undefined)
+endif()
+if(PP_TSAN)
+  target_compile_options(pp_warnings INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(pp_warnings INTERFACE -fsanitize=thread)
+endif()
+
+find_package(Threads REQUIRED)
+target_link_libraries(pp_warnings INTERFACE Threads::Threads)
