@@ -1,0 +1,27 @@
+// The vendor multipath driver ZPL on Linux: its package query, its reconfiguration
+// command and the colon-separated WWPNs that lunctl prints there.
+#ifndef MULTIPATH_LINUX_MULTIPATHZPLLINUX_H
+#define MULTIPATH_LINUX_MULTIPATHZPLLINUX_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Multipath/MultipathZPL.h"
+
+class MultipathZPLLinux : public MultipathZPL {
+public:
+    MultipathZPLLinux() = default;
+    ~MultipathZPLLinux() override = default;
+
+    // Runs cfglundev: RC_OK, RC_RECONFIG_NOT_RUN when it cannot run, or
+    // RC_DRIVER_CMD_FAILED when it exits with any other status.
+    int32_t performDynamicReconfiguration() override;
+    // "1234567890abcdef" becomes "12:34:56:78:90:ab:cd:ef". A WWPN shorter than 14
+    // characters throws std::out_of_range; the run flow catches it.
+    std::string formatWWPN(const std::string& wwpn) override;
+    // "rpm", "-q ZORzpl".
+    std::vector<std::string> getVersionCommand() override;
+};
+
+#endif

@@ -1,0 +1,123 @@
+#include "PathPlanner/linux/WalkTheBusLinux.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <utility>
+
+#include "BKVlib/common/ut/ReturnCodes.h"
+#include "Common/AgentTrace.h"
+#include "Common/CmdExecer.h"
+
+namespace {
+
+const char kRescanFilePrefix[] = "/tmp/rescanScript";
+// Decimal 755 is octal 1363 (sticky; owner wx, group rw, others wx), not 0755.
+// The value is deliberate: keep it decimal.
+constexpr mode_t kScriptMode = 755;
+constexpr uint32_t kSettleSeconds = 60;
+
+class ScopedFd {
+public:
+    explicit ScopedFd(int fd) : fd_(fd) {}
+    ~ScopedFd() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    ScopedFd(const ScopedFd&) = delete;
+    ScopedFd& operator=(const ScopedFd&) = delete;
+    int get() const { return fd_; }
+    // 0, or -1 when the close reports a failed write-back.
+    int close() {
+        int rc = ::close(fd_);
+        fd_ = -1;
+        return rc;
+    }
+
+private:
+    int fd_;
+};
+
+bool writeAll(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n < 0 && errno != EINTR) break;
+        if (n > 0) done += static_cast<size_t>(n);
+    }
+    return done == text.size();
+}
+
+}  // namespace
+
+void waitThrough(std::chrono::milliseconds duration) {
+    timespec left;
+    left.tv_sec = static_cast<time_t>(duration.count() / 1000);
+    left.tv_nsec = static_cast<long>(duration.count() % 1000) * 1000000L;
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+void waitSeconds(uint32_t seconds) { waitThrough(std::chrono::seconds(seconds)); }
+
+WalkTheBusLinux::WalkTheBusLinux(std::unique_ptr<MultipathDriver> driver, Sleeper sleeper, std::string script)
+    : WalkTheBus(std::move(driver)), sleeper_(std::move(sleeper)), script_(std::move(script)) {
+    rescanFile = getRescanFile();
+}
+
+std::string WalkTheBusLinux::getRescanFile() {
+    NA_TRACE_ENTER("getRescanFile()");
+    std::string name = kRescanFilePrefix + std::to_string(getpid());
+    NA_TRACE_EXIT("Exit: %s\n", "getRescanFile()");
+    return name;
+}
+
+int32_t WalkTheBusLinux::writeScript() {
+    NA_TRACE_ENTER("writeScript()");
+    int32_t rc = RC_CANCELLED;
+    // O_NOFOLLOW: the name is predictable and /tmp is shared, so a link planted
+    // there must make the open fail rather than let root overwrite its target.
+    ScopedFd fd(open(rescanFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRWXU));
+    if (fd.get() < 0) {
+        NA_TRACE_MIN("%s Unable to create rescan script.\n", "writeScript()");
+    } else if (!writeAll(fd.get(), script_)) {
+        unlink(rescanFile.c_str());
+        NA_TRACE_MIN("%s Unable to write to rescan script.\n", "writeScript()");
+    } else {
+        // The mode goes on the open descriptor, so no second lookup of the name.
+        rc = fchmod(fd.get(), kScriptMode);
+        if (fd.close() != 0) {
+            unlink(rescanFile.c_str());
+            NA_TRACE_MIN("%s Unable to write to rescan script.\n", "writeScript()");
+            rc = RC_CANCELLED;
+        }
+    }
+    NA_TRACE_EXIT("Exit: %s, rc=%d\n", "writeScript()", rc);
+    return rc;
+}
+
+int32_t WalkTheBusLinux::runScript() {
+    CmdExecer exec({rescanFile});
+    int32_t rc = exec.runCommand();
+    if (rc == RC_OK) {
+        NA_TRACE_MID("Rescan output: %s\n", NA_STR(exec.sysOut));
+        if (multipathDriver) {
+            NA_TRACE_MID("Waiting 60 seconds for system refresh...\n");
+            sleeper_(kSettleSeconds);
+            rc = multipathDriver->performDynamicReconfiguration();
+        }
+    } else {
+        NA_TRACE_MIN("%s Rescan output: %s\n", "walkTheBus()", NA_STR(exec.sysOut));
+    }
+    return rc;
+}
+
+int32_t WalkTheBusLinux::walkTheBus() {
+    NA_TRACE_ENTER("walkTheBus()");
+    int32_t rc = writeScript();
+    if (rc == RC_OK) rc = runScript();
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "walkTheBus()", rc);
+    return rc;
+}
