@@ -221,21 +221,27 @@ struct DebugModeRow {
 };
 constexpr DebugModeRow kDebugModes[] = {{"MIN", 3}, {"MID", 2}, {"MAX", 1}};
 
+const DebugModeRow* findDebugMode(const char* value) {
+    for (const DebugModeRow& row : kDebugModes) {
+        if (keywordEquals(value, row.mode)) return &row;
+    }
+    return nullptr;
+}
+
 int32_t handleDebug(const char* value, CmdArgs* args) {
     NA_TRACE_ENTER("handleDebug()");
-    int32_t rc = RC_BAD_ARGS;
+    int32_t rc = RC_OK;
+    const DebugModeRow* row = value != nullptr ? findDebugMode(value) : nullptr;
     if (value == nullptr) {
         args->errorText = "Debug mode not specified";
         rc = RC_MISSING_VALUE;
+    } else if (row == nullptr) {
+        args->errorText = "Invalid debug mode";
+        rc = RC_BAD_ARGS;
+    } else {
+        args->debugMode = row->mode;
+        args->debugLevel = row->level;
     }
-    for (const DebugModeRow& row : kDebugModes) {
-        if (value != nullptr && keywordEquals(value, row.mode)) {
-            args->debugMode = row.mode;
-            args->debugLevel = row.level;
-            rc = RC_OK;
-        }
-    }
-    if (rc == RC_BAD_ARGS) args->errorText = "Invalid debug mode";
     NA_TRACE_EXIT("Exit: %s, rc = %d\n", "handleDebug()", rc);
     return rc;
 }

@@ -4,6 +4,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 
@@ -29,6 +30,12 @@ private:
     std::vector<const char*> argv_;
 };
 
+struct LogFile {
+    std::string name;
+    size_t size;
+    time_t age;  // seconds before now
+};
+
 std::string joined(const std::vector<std::string>& words) {
     std::string text;
     for (const std::string& word : words) text += "[" + word + "]";
@@ -51,11 +58,11 @@ protected:
         args->installDir = install_;
         return args->parse();
     }
-    void makeLog(const std::string& name, size_t size = 0, time_t age = 0) {
-        std::string path = logDir_ + "/" + name;
-        std::ofstream(path) << std::string(size, 'x');
-        if (age != 0) {
-            struct timeval times[2] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
+    void makeLog(const LogFile& file) {
+        std::string path = logDir_ + "/" + file.name;
+        std::ofstream(path) << std::string(file.size, 'x');
+        if (file.age != 0) {
+            struct timeval times[2] = {{time(nullptr) - file.age, 0}, {time(nullptr) - file.age, 0}};
             ASSERT_EQ(0, utimes(path.c_str(), times));
         }
     }
@@ -76,7 +83,6 @@ TEST_F(CmdArgsTest, PathPlannerLinesGiveTheirResult) {
     } cases[] = {
         {{}, RC_OK, 0, "", ""},
         {{"-version"}, RC_OK, kCommandVersion, "-version", ""},
-        {{"-VeRsIoN"}, RC_OK, kCommandVersion, "-VeRsIoN", ""},
         {{"-version", "-debug", "MIN"}, RC_OK, kCommandVersion, "-debug", ""},
         {{"-multipath", "5"}, RC_OK, kCommandMultipath, "-multipath", ""},
         {{"-MULTIPATH", "5"}, RC_OK, kCommandMultipath, "-MULTIPATH", ""},
@@ -111,7 +117,6 @@ TEST_F(CmdArgsTest, PathPlannerLinesGiveTheirResult) {
         {{"-maxlogsize"}, RC_MISSING_VALUE, kCommandMultipath, "-maxlogsize", "maxLogSize not specified"},
         {{"-multipath", "5", "-maxnumlogs"}, RC_MISSING_VALUE, kCommandMultipath, "-maxnumlogs",
          "maxNumLogs not specified"},
-        {{"-maxnumruns"}, RC_MISSING_VALUE, kCommandMultipath, "-maxnumruns", "maxNumRuns not specified"},
         {{"-maxnumdays"}, RC_MISSING_VALUE, kCommandMultipath, "-maxnumdays", "maxNumDays not specified"},
         {{"-serverport"}, RC_MISSING_VALUE, kCommandMultipath, "-serverport", "ServerPort not specified"},
         {{"-serverip"}, RC_MISSING_VALUE, kCommandMultipath, "-serverip", "ServerIP not specified"},
@@ -140,28 +145,11 @@ TEST_F(CmdArgsTest, OptionValuesAreStored) {
     EXPECT_EQ(1024, args.maxLogSize);  // 0 stands for the default size
     EXPECT_EQ(4, args.maxNumLogs);
     EXPECT_EQ(kGivenMaxLogSize | kGivenMaxNumLogs, args.logLimitsGiven);
-}
-
-TEST_F(CmdArgsTest, MissingNumericValueStoresMinusOne) {
-    CommandLine line({"-maxnumlogs", "3", "-maxnumlogs"});
-    CmdArgs args = line.record();
-    EXPECT_EQ(RC_MISSING_VALUE, parse(line, &args));
-    EXPECT_EQ(-1, args.maxNumLogs);
-}
-
-TEST_F(CmdArgsTest, DebugLevelsFollowTheMode) {
-    const struct {
-        const char* value;
-        const char* mode;
-        int32_t level;
-    } cases[] = {{"min", "MIN", 3}, {"Mid", "MID", 2}, {"MAX", "MAX", 1}};
-    for (const auto& c : cases) {
-        CommandLine line({"-debug", c.value});
-        CmdArgs args = line.record();
-        ASSERT_EQ(RC_OK, parse(line, &args)) << c.value;
-        EXPECT_EQ(c.mode, args.debugMode);
-        EXPECT_EQ(c.level, args.debugLevel);
-    }
+    CommandLine cut({"-maxnumlogs", "3", "-debug", "max", "-maxnumlogs"});
+    CmdArgs cutArgs = cut.record();
+    EXPECT_EQ(RC_MISSING_VALUE, parse(cut, &cutArgs));
+    EXPECT_EQ(-1, cutArgs.maxNumLogs);
+    EXPECT_EQ(1, cutArgs.debugLevel);
 }
 
 TEST(SplitMultipathValueTest, TokensLoseTheirQuotes) {
@@ -192,13 +180,6 @@ TEST(SplitMultipathValueTest, TokensLoseTheirQuotes) {
         EXPECT_EQ(c.tokens, args.multipathOptions) << c.value;
         EXPECT_EQ(c.value, args.multipathValue);
     }
-}
-
-TEST(SplitMultipathValueTest, MissingValueIsRejected) {
-    CmdArgs args(0, nullptr, kParseModePathPlanner);
-    EXPECT_EQ(RC_MISSING_VALUE, splitMultipathValue(nullptr, &args));
-    EXPECT_EQ("Multipath options list is missing.", args.errorText);
-    EXPECT_TRUE(args.multipathOptions.empty());
 }
 
 TEST_F(CmdArgsTest, RepeatedRequestAppendsTokens) {
@@ -270,15 +251,7 @@ TEST_F(CmdArgsTest, AgentModesReadCommandAndGeneralOptions) {
     EXPECT_EQ((std::vector<std::string>{"5", "d"}), args.multipathOptions);
 }
 
-TEST(CmdArgsTablesTest, EveryKeywordIsReachable) {
-    // A keyword repeated (case ignored) further down its table could never match.
-    for (const KeywordRow* table : {kCommandKeywords, kGeneralOptions, kPathPlannerOptions}) {
-        for (const KeywordRow* row = table; row->keyword != nullptr; ++row) {
-            for (const KeywordRow* other = table; other != row; ++other) {
-                EXPECT_STRCASENE(other->keyword, row->keyword);
-            }
-        }
-    }
+TEST(CmdArgsTablesTest, EveryCommandKeywordSetsItsCode) {
     for (const KeywordRow* row = kCommandKeywords; row->keyword != nullptr; ++row) {
         std::string word = std::string("-") + row->keyword;
         const char* argv[] = {"prog", word.c_str(), "value"};
@@ -311,86 +284,52 @@ TEST_F(CmdArgsTest, UnknownInstallDirectoryGives59) {
     EXPECT_EQ(RC_BAD_ARGS, badArgs.parse());
 }
 
-TEST_F(CmdArgsTest, WithoutLimitsTheDefaultLogIsUsed) {
+TEST_F(CmdArgsTest, LimitsSelectAndPurgeNumberedLogs) {
+    const time_t tenDays = 10 * 86400;
+    const std::vector<LogFile> series = {{"multipath_000001.log", 9, 0},     {"multipath_000002.log", 9, 0},
+                                         {"multipath_000003.log", 9, 0},     {"multipath_000004.log", 9, tenDays},
+                                         {"multipath_000005.log", 9, 0},     {"multipath_000001.trace", 0, 0},
+                                         {"multipath.log", 0, 0}};
+    const std::vector<LogFile> traces = {
+        {"multipath_000001.trace", 0, 0}, {"multipath_000002.trace", 0, 0}, {"multipath_000003.trace", 0, 0}};
     const struct {
-        std::vector<std::string> words;
-        std::string traceFile;
-    } cases[] = {
-        {{"-multipath", "5"}, ""},
-        {{"-debug", "MAX", "-multipath", "5"}, "/log/multipath.trace"},
-    };
-    for (const auto& c : cases) {
-        CommandLine line(c.words);
-        CmdArgs args = line.record();
-        ASSERT_EQ(RC_OK, parse(line, &args)) << joined(c.words);
-        EXPECT_EQ("", args.logFileName);
-        EXPECT_EQ(c.traceFile.empty() ? "" : install_ + c.traceFile, args.traceFileName);
-        EXPECT_EQ("multipath", args.jobName);
-        EXPECT_EQ("", args.jobFileName);
-    }
-}
-
-TEST_F(CmdArgsTest, LimitsSelectTheNextNumberedLog) {
-    makeLog("multipath_000004.log", 3072);
-    const struct {
+        std::vector<LogFile> files;
         std::vector<std::string> words;
         std::string logFile;
         std::string traceFile;
+        std::vector<std::string> removed;
     } cases[] = {
+        {{}, {"-multipath", "5"}, "", "", {}},
+        {{}, {"-debug", "MAX", "-multipath", "5"}, "", "multipath.trace", {}},
+        {{}, {"-maxnumruns", "2"}, "multipath_000001.log", "", {}},
         // 1 KB of room left under 4 KB: the last file goes on.
-        {{"-maxlogsize", "4"}, "multipath_000004.log", ""},
-        {{"-maxlogsize", "3", "-debug", "MIN"}, "multipath_000005.log", "multipath_000005.trace"},
-        {{"-maxnumdays", "30"}, "multipath_000005.log", ""},
+        {{{"multipath_000004.log", 3072, 0}}, {"-maxlogsize", "4"}, "multipath_000004.log", "", {}},
+        {{{"multipath_000004.log", 3072, 0}}, {"-maxlogsize", "3", "-debug", "MIN"}, "multipath_000005.log",
+         "multipath_000005.trace", {}},
+        {{{"multipath_000004.log", 3072, 0}}, {"-maxnumdays", "30"}, "multipath_000005.log", "", {}},
+        // Room for 4 with the coming 000006: 1 and 2 go by count, 4 by age.
+        {series, {"-maxnumlogs", "9", "-maxnumruns", "4", "-maxnumdays", "5"}, "multipath_000006.log", "",
+         {"multipath_000001.log", "multipath_000002.log", "multipath_000004.log"}},
+        // 0 is no limit; the trace series is purged like the logs.
+        {traces, {"-maxnumlogs", "0", "-maxnumruns", "2"}, "multipath_000001.log", "",
+         {"multipath_000001.trace", "multipath_000002.trace"}},
+        {traces, {"-maxnumlogs", "0"}, "multipath_000001.log", "", {}},
     };
     for (const auto& c : cases) {
+        std::system(("rm -f '" + logDir_ + "'/*").c_str());
+        for (const LogFile& file : c.files) makeLog(file);
         CommandLine line(c.words);
         CmdArgs args = line.record();
         ASSERT_EQ(RC_OK, parse(line, &args)) << joined(c.words);
-        EXPECT_EQ(logDir_ + "/" + c.logFile, args.logFileName) << joined(c.words);
-        EXPECT_EQ(c.traceFile.empty() ? "" : logDir_ + "/" + c.traceFile, args.traceFileName);
+        EXPECT_EQ(c.logFile.empty() ? "" : logDir_ + "/" + c.logFile, args.logFileName) << joined(c.words);
+        EXPECT_EQ(c.traceFile.empty() ? "" : logDir_ + "/" + c.traceFile, args.traceFileName) << joined(c.words);
+        for (const LogFile& file : c.files) {
+            bool removed = std::find(c.removed.begin(), c.removed.end(), file.name) != c.removed.end();
+            EXPECT_EQ(!removed, exists(file.name)) << file.name << " " << joined(c.words);
+        }
+        EXPECT_EQ("multipath", args.jobName);
+        EXPECT_EQ("", args.jobFileName);
     }
-}
-
-TEST_F(CmdArgsTest, EmptyLogDirectoryStartsAtOne) {
-    CommandLine line({"-maxnumruns", "2"});
-    CmdArgs args = line.record();
-    ASSERT_EQ(RC_OK, parse(line, &args));
-    EXPECT_EQ(logDir_ + "/multipath_000001.log", args.logFileName);
-}
-
-TEST_F(CmdArgsTest, OldLogsArePurgedByCountAndAge) {
-    const time_t tenDays = 10 * 86400;
-    for (int i = 1; i <= 5; ++i) makeLog("multipath_00000" + std::to_string(i) + ".log", 10, i == 4 ? tenDays : 0);
-    makeLog("multipath_000001.trace");
-    makeLog("multipath.log");
-    CommandLine line({"-maxnumlogs", "9", "-maxnumruns", "4", "-maxnumdays", "5"});
-    CmdArgs args = line.record();
-    ASSERT_EQ(RC_OK, parse(line, &args));
-    EXPECT_EQ(logDir_ + "/multipath_000006.log", args.logFileName);
-    // Room for 4 with the coming 000006: 000001 and 000002 go by count, 000004 by age.
-    const struct {
-        const char* name;
-        bool kept;
-    } files[] = {{"multipath_000001.log", false}, {"multipath_000002.log", false}, {"multipath_000003.log", true},
-                 {"multipath_000004.log", false}, {"multipath_000005.log", true}, {"multipath_000001.trace", true},
-                 {"multipath.log", true}};
-    for (const auto& f : files) EXPECT_EQ(f.kept, exists(f.name)) << f.name;
-}
-
-TEST_F(CmdArgsTest, ZeroCountLimitMeansNoLimit) {
-    for (int i = 1; i <= 3; ++i) makeLog("multipath_00000" + std::to_string(i) + ".trace");
-    CommandLine line({"-maxnumlogs", "0", "-maxnumruns", "2"});
-    CmdArgs args = line.record();
-    ASSERT_EQ(RC_OK, parse(line, &args));
-    // The trace series is purged like the logs: 2 kept, counting the coming file.
-    EXPECT_FALSE(exists("multipath_000001.trace"));
-    EXPECT_FALSE(exists("multipath_000002.trace"));
-    EXPECT_TRUE(exists("multipath_000003.trace"));
-    CommandLine unlimited({"-maxnumlogs", "0"});
-    makeLog("multipath_000001.trace");
-    CmdArgs again = unlimited.record();
-    ASSERT_EQ(RC_OK, parse(unlimited, &again));
-    EXPECT_TRUE(exists("multipath_000001.trace"));
 }
 
 TEST_F(CmdArgsTest, KnownRunNumbersNameTheJobFile) {

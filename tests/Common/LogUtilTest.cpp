@@ -84,13 +84,6 @@ TEST_F(LogUtilTest, NextNameFollowsTheHighestNumber) {
     }
 }
 
-TEST_F(LogUtilTest, MissingDirectoryStartsAtOne) {
-    LogPurgeSettings settings;
-    EXPECT_EQ("multipath_000001.log", getNextLogName(settings, dir_ + "/none", "multipath", ".log", true));
-    EXPECT_TRUE(settings.newLogStarted);
-    EXPECT_TRUE(getMatchingFilesMap(dir_ + "/none", "multipath", ".log").empty());
-}
-
 TEST_F(LogUtilTest, SizeLimitDecidesWhetherTheLastFileGoesOn) {
     const int64_t fourGB = int64_t{4} << 30;
     const struct {
@@ -122,22 +115,15 @@ TEST_F(LogUtilTest, SizeLimitDecidesWhetherTheLastFileGoesOn) {
     }
 }
 
-TEST_F(LogUtilTest, UnreadableSizeStartsANewFile) {
+TEST_F(LogUtilTest, UnreadableSizeOrDirectoryStartsANewFile) {
     ASSERT_EQ(0, symlink((dir_ + "/gone").c_str(), (dir_ + "/multipath_000003.log").c_str()));
     LogPurgeSettings settings;
     settings.maxSize = 1024;
     EXPECT_EQ("multipath_000004.log", getNextLogName(settings, dir_, "multipath", ".log", true));
     EXPECT_TRUE(settings.newLogStarted);
-}
-
-TEST_F(LogUtilTest, MatchingMapIsOrderedByRunNumber) {
-    for (const char* name : {"multipath_000010.log", "multipath_000002.log", "multipath_000002.trace",
-                             "multipath_0000a1.log"}) {
-        make({name, 0});
-    }
-    std::map<int32_t, std::string> expected = {{2, dir_ + "/multipath_000002.log"},
-                                               {10, dir_ + "/multipath_000010.log"}};
-    EXPECT_EQ(expected, getMatchingFilesMap(dir_, "multipath", ".log"));
+    LogPurgeSettings none;
+    EXPECT_EQ("multipath_000001.log", getNextLogName(none, dir_ + "/none", "multipath", ".log", true));
+    EXPECT_TRUE(none.newLogStarted);
 }
 
 TEST_F(LogUtilTest, JobFormMatchesNumberAfterJobNameAndComponentAfterUnderscore) {
@@ -190,43 +176,36 @@ TEST_F(LogUtilTest, CountRuleDeletesTheLowestNumbers) {
     }
 }
 
-TEST_F(LogUtilTest, AgedFilesStillCountAgainstTheLimit) {
-    const time_t tenDays = 10 * 86400;
-    std::map<int32_t, std::string> files = runFiles(dir_, 4);
-    make({"multipath_000001.log", 0}, tenDays);
-    make({"multipath_000002.log", 0}, tenDays);
-    make({"multipath_000003.log", 0}, 4 * 86400);
-    make({"multipath_000004.log", 0});
-    LogPurgeSettings settings;
-    settings.countLimitAged = 3;
-    settings.countLimitPlain = 1;
-    settings.maxDays = 5;
-    purgeLogFiles(settings, files, true);
-    // Age takes 1 and 2; the count rule then "deletes" 1 again, so two files are
-    // left where the limit would allow three.
-    EXPECT_FALSE(exists("multipath_000001.log"));
-    EXPECT_FALSE(exists("multipath_000002.log"));
-    EXPECT_TRUE(exists("multipath_000003.log"));
-    EXPECT_TRUE(exists("multipath_000004.log"));
-    EXPECT_EQ(3u, files.size());
-}
-
-TEST_F(LogUtilTest, AgeRuleNeedsUseAgeAndDays) {
+TEST_F(LogUtilTest, AgeRuleDeletesOldFilesThatStillCount) {
     const struct {
         bool useAge;
         int32_t maxDays;
-        bool oldKept;
-    } cases[] = {{true, 5, false}, {false, 5, true}, {true, 0, true}, {true, 11, true}};
+        std::vector<int32_t> kept;
+        size_t mapSize;
+    } cases[] = {
+        // Age takes 1 and 2; the count rule (aged limit 3) then "deletes" 1 again,
+        // so two files are left where the limit would allow three.
+        {true, 5, {3, 4}, 3},
+        {true, 11, {2, 3, 4}, 3},
+        {true, 0, {2, 3, 4}, 3},
+        {false, 5, {4}, 1},  // no age rule; the plain limit is 1
+    };
     for (const auto& c : cases) {
         clear();
-        make({"multipath_000001.log", 0}, 10 * 86400);
-        std::map<int32_t, std::string> files = runFiles(dir_, 1);
+        const time_t ages[] = {10 * 86400, 10 * 86400, 4 * 86400, 0};
+        std::map<int32_t, std::string> files = runFiles(dir_, 4);
+        for (int32_t i = 1; i <= 4; ++i) make({"multipath_00000" + std::to_string(i) + ".log", 0}, ages[i - 1]);
         LogPurgeSettings settings;
-        settings.countLimitAged = 10;
-        settings.countLimitPlain = 10;
+        settings.countLimitAged = 3;
+        settings.countLimitPlain = 1;
         settings.maxDays = c.maxDays;
         purgeLogFiles(settings, files, c.useAge);
-        EXPECT_EQ(c.oldKept, exists("multipath_000001.log")) << c.useAge << " " << c.maxDays;
+        std::vector<int32_t> kept;
+        for (int32_t i = 1; i <= 4; ++i) {
+            if (exists("multipath_00000" + std::to_string(i) + ".log")) kept.push_back(i);
+        }
+        EXPECT_EQ(c.kept, kept) << c.useAge << " " << c.maxDays;
+        EXPECT_EQ(c.mapSize, files.size()) << c.useAge << " " << c.maxDays;
     }
 }
 
