@@ -105,14 +105,4 @@ TEST(MultipathZPLLinuxTest, SetStateFormatsRequestWwpns) {
     EXPECT_THROW(zpl.setState(kSettingOnline, "lundev2", {"10000000c9"}), std::out_of_range);
 }
 
-TEST(MultipathZPLLinuxTest, FailingLunctlSetGives173) {
-    zpltest::FakeTools tools;
-    tools.answerFromFile("lunctl.query_device", kData + "lunctl-query-device.older.txt");
-    tools.answer("lunctl.set_device_1_policy_fo", "lunctl: device busy\n", 1);
-    MultipathZPLLinux zpl;
-    EXPECT_EQ(RC_DRIVER_CMD_FAILED, zpl.setPolicy(kSettingFailover, {"lundev1", "lundev0"}));
-    EXPECT_EQ(std::vector<std::string>{"lundev1"}, zpl.getErrorDevices());
-    EXPECT_EQ("lunctl set device 0 policy fo", tools.calls().back());
-}
-
 }  // namespace

@@ -98,10 +98,6 @@ protected:
     }
 };
 
-TEST_F(RescanScriptTest, StartsWithInterpreterAndPurpose) {
-    EXPECT_EQ(0u, std::string(kRescanScript).find("#!/bin/bash\n# Rescan the SCSI/Fibre Channel bus for new LUNs on Linux\n"));
-}
-
 TEST_F(RescanScriptTest, MissingSubsystemOrHostsExitOne) {
     struct Case {
         bool procScsi;
