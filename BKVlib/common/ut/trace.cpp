@@ -102,7 +102,7 @@ int32_t applyList(const char* text, bool enables, int32_t quiet, const TraceClas
         size_t end = list.find_first_of(blanks, pos);
         std::string word = list.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
         if (!applyWord(word, enables, quiet, classes, aggregates, depth)) {
-            if (!quiet && depth == 0) printf("Invalid trace flag: %s\n", word.c_str());
+            if (!quiet && depth == 0) printf("Invalid trace flag: %s\n", upperWord(word).c_str());
             rc = -1;
         }
         pos = end == std::string::npos ? end : list.find_first_not_of(blanks, end);
