@@ -21,6 +21,18 @@ std::atomic<int32_t> gMainPid{0};
 std::atomic<pthread_t> gMainThread{};
 std::atomic<PsThreadRegisterHook> gRegisterHook{nullptr};
 thread_local bool tlsReporting = false;
+// A trace record needs both ids; asking the kernel each time would cost more
+// than the rest of the record's prefix.
+thread_local int32_t tlsThreadNumber = 0;
+std::atomic<int32_t> gProcessId{0};
+pthread_once_t gForkHandlerOnce = PTHREAD_ONCE_INIT;
+
+void forgetIdsInChild() {
+    tlsThreadNumber = 0;
+    gProcessId.store(0);
+}
+
+void installForkHandler() { pthread_atfork(nullptr, nullptr, forgetIdsInChild); }
 
 // What the trampoline needs; freed by the new thread before it runs the function.
 struct StartPair {
@@ -84,7 +96,23 @@ int32_t psShutdownBegun() { return gShutdownBegun.load(); }
 void psSetShutdownBegun() { gShutdownBegun.store(1); }
 int32_t psMainPid() { return gMainPid.load(); }
 
-int32_t psThreadNumber() { return static_cast<int32_t>(syscall(SYS_gettid)); }
+int32_t psThreadNumber() {
+    if (tlsThreadNumber == 0) {
+        pthread_once(&gForkHandlerOnce, installForkHandler);
+        tlsThreadNumber = static_cast<int32_t>(syscall(SYS_gettid));
+    }
+    return tlsThreadNumber;
+}
+
+int32_t psProcessId() {
+    int32_t pid = gProcessId.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pthread_once(&gForkHandlerOnce, installForkHandler);
+        pid = static_cast<int32_t>(getpid());
+        gProcessId.store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
 
 void psThreadReport(const char* file, uint32_t line, const char* format, ...) {
     if (tlsReporting || !trFlags[TR_ERROR]) return;

@@ -27,8 +27,10 @@ void psThreadReport(const char* file, uint32_t line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 #define PS_THREAD_ERROR(...) psThreadReport(__FILE__, __LINE__, __VA_ARGS__)
 
-// Small number naming the calling thread in traces (the kernel thread id).
+// Small number naming the calling thread in traces (the kernel thread id), and
+// the process id. Both are cached and refreshed in the child after fork.
 int32_t psThreadNumber();
+int32_t psProcessId();
 
 // Raw mutexes (error-checking, so a self-deadlock is reported instead of hanging).
 // Each returns 0 or the pthread error.

@@ -11,6 +11,7 @@
 #include <cwchar>
 #include <string>
 
+#include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "BKVlib/common/ut/trace.h"
 #include "BKVlib/common/ut/trstate.h"
@@ -86,6 +87,14 @@ bool appendFormatted(RecordBuffer* buffer, const char* format, va_list args) {
     }
     return ok;
 }
+
+// The prefix is built from short pieces; copying them beats a formatter call each.
+void appendText(RecordBuffer* buffer, const char* text, size_t length) {
+    memcpy(buffer->data() + buffer->length, text, length);
+    buffer->length += length;
+}
+
+void appendText(RecordBuffer* buffer, const char* text) { appendText(buffer, text, strlen(text)); }
 
 bool appendf(RecordBuffer* buffer, const char* format, ...) __attribute__((format(printf, 2, 3)));
 bool appendf(RecordBuffer* buffer, const char* format, ...) {
@@ -164,29 +173,51 @@ int32_t emitBanner(const char* banner) {
     return emit("", 0, banner, length, 0);
 }
 
-// Line prefix in its fixed order: time, process, thread, client type, ": ".
-bool buildLinePrefix(RecordBuffer* prefix) {
-    bool ok = prefix->reserve(256);
-    if (ok && trFlags[TR_TIMESTAMP]) {
-        struct timespec now {};
-        clock_gettime(CLOCK_REALTIME, &now);
-        char date[32];
-        char clock[32];
-        trFormatDateTime(now.tv_sec, date, sizeof(date), clock, sizeof(clock));
-        ok = appendf(prefix, "%s %s.%03lu ", date, clock, static_cast<unsigned long>(now.tv_nsec / 1000000));
+void appendTimestamp(RecordBuffer* prefix) {
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    char date[32];
+    char clock[32];
+    trFormatDateTime(now.tv_sec, date, sizeof(date), clock, sizeof(clock));
+    unsigned long ms = static_cast<unsigned long>(now.tv_nsec / 1000000);
+    const char fraction[] = {'.', static_cast<char>('0' + ms / 100), static_cast<char>('0' + ms / 10 % 10),
+                             static_cast<char>('0' + ms % 10), ' '};
+    appendText(prefix, date);
+    appendText(prefix, " ", 1);
+    appendText(prefix, clock);
+    appendText(prefix, fraction, sizeof(fraction));
+}
+
+void appendProcessId(RecordBuffer* prefix) {
+    thread_local int32_t textPid = 0;
+    thread_local char text[32];
+    thread_local size_t textLength = 0;
+    int32_t pid = psProcessId();
+    if (pid != textPid) {
+        textLength = static_cast<size_t>(snprintf(text, sizeof(text), "[%.6u] ", static_cast<unsigned>(pid)));
+        textPid = pid;
     }
-    if (ok && trFlags[TR_PID]) ok = appendf(prefix, "[%.6u] ", static_cast<unsigned>(getpid()));
+    appendText(prefix, text, textLength);
+}
+
+// Line prefix in its fixed order: time, process, thread, client type, ": ".
+// Its pieces are bounded, so 256 bytes always hold it.
+bool buildLinePrefix(RecordBuffer* prefix) {
+    if (!prefix->reserve(256)) return false;
+    if (trFlags[TR_TIMESTAMP]) appendTimestamp(prefix);
+    if (trFlags[TR_PID]) appendProcessId(prefix);
     ThreadTagFn tagFn = trState.threadTagFn;
-    if (ok && trFlags[TR_TID] && tagFn) {
+    if (trFlags[TR_TID] && tagFn) {
         char banner[128] = "";
         char tag[64] = "";
         tagFn(banner, sizeof(banner), tag, sizeof(tag));
         if (banner[0]) emitBanner(banner);
-        ok = appendf(prefix, "%s", tag);
+        appendText(prefix, tag, strnlen(tag, sizeof(tag) - 1));
     }
-    if (ok && trFlags[TR_CLIENTTYPE]) ok = appendf(prefix, "%s", clientTag(trState.clientType));
-    if (ok && (trFlags[TR_TIMESTAMP] || trFlags[TR_PID] || trFlags[TR_TID])) ok = appendf(prefix, ": ");
-    return ok;
+    if (trFlags[TR_CLIENTTYPE]) appendText(prefix, clientTag(trState.clientType));
+    if (trFlags[TR_TIMESTAMP] || trFlags[TR_PID] || trFlags[TR_TID]) appendText(prefix, ": ", 2);
+    prefix->data()[prefix->length] = '\0';
+    return true;
 }
 
 int32_t writeLine(const char* text, size_t length) {
@@ -245,6 +276,17 @@ ReentrantHold::~ReentrantHold() {
     if (acquired_) pkReleaseMutex(mutex_);
 }
 
+namespace {
+
+void copyBounded(char* out, size_t outSize, const char* text) {
+    if (outSize == 0) return;
+    size_t n = strnlen(text, outSize - 1);
+    memcpy(out, text, n);
+    out[n] = '\0';
+}
+
+}  // namespace
+
 void trFormatDateTime(time_t seconds, char* date, size_t dateSize, char* timeText, size_t timeSize) {
     // localtime_r takes a lock and reads the zone each time; records within one
     // second share the texts.
@@ -258,8 +300,8 @@ void trFormatDateTime(time_t seconds, char* date, size_t dateSize, char* timeTex
         strftime(cachedTime, sizeof(cachedTime), "%H:%M:%S", &local);
         cachedSeconds = seconds;
     }
-    snprintf(date, dateSize, "%s", cachedDate);
-    snprintf(timeText, timeSize, "%s", cachedTime);
+    copyBounded(date, dateSize, cachedDate);
+    copyBounded(timeText, timeSize, cachedTime);
 }
 
 bool trIsFileStream(FILE* stream) { return stream && stream != stdout && stream != stderr; }
