@@ -237,6 +237,11 @@ int32_t trPrintf(const char* file, uint32_t line, const char* format, ...)
 int32_t trVPrintf(const char* file, uint32_t line, const char* format, va_list args)
     __attribute__((format(printf, 3, 0)));
 int32_t trWPrintf(const char* file, uint32_t line, const wchar_t* format, ...);
+// A record for signal handlers: built without heap memory, its text cut to fit
+// TR_SIGNAL_RECORD bytes.
+constexpr size_t TR_SIGNAL_RECORD = 1024;
+int32_t trSignalPrintf(const char* file, uint32_t line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
 // A record written as formatted: no prefix, no newline added.
 int32_t trRawPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void trDumpMemory(const void* address, int32_t length, int32_t bytesPerLine);

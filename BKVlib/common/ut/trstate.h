@@ -50,6 +50,7 @@ struct TraceState {
 extern TraceState trState;
 
 constexpr size_t kTrFirstBuffer = 4862;
+constexpr size_t kTrSignalRecord = TR_SIGNAL_RECORD;
 constexpr uint32_t kTrMiB = 1048576;
 constexpr const char kTrEndMarker[] = "\nEND OF DATA\n\n";
 constexpr const char kTrCloseMarker[] = "\nEND OF DATA - close\n\n";

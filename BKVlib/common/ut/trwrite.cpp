@@ -43,14 +43,19 @@ const char* bannerWord(int32_t clientType) {
     return "       ";
 }
 
-// One record's text: the heap buffer grows only when the first 4862 bytes are too few.
+// One record's text: the heap buffer grows only when the first 4862 bytes are too
+// few. A buffer over fixed storage never allocates; text that does not fit is cut.
 class RecordBuffer {
 public:
     RecordBuffer() = default;
-    ~RecordBuffer() { free(data_); }
+    RecordBuffer(char* storage, size_t capacity) : data_(storage), capacity_(capacity), fixed_(true) {}
+    ~RecordBuffer() {
+        if (!fixed_) free(data_);
+    }
     RecordBuffer(const RecordBuffer&) = delete;
     RecordBuffer& operator=(const RecordBuffer&) = delete;
     bool reserve(size_t capacity) {
+        if (fixed_ || capacity <= capacity_) return true;
         char* grown = static_cast<char*>(realloc(data_, capacity));
         if (grown) {
             data_ = grown;
@@ -60,11 +65,13 @@ public:
     }
     char* data() { return data_; }
     size_t capacity() const { return capacity_; }
+    bool fixed() const { return fixed_; }
     size_t length = 0;
 
 private:
     char* data_ = nullptr;
     size_t capacity_ = 0;
+    bool fixed_ = false;
 };
 
 // Formats into buffer at its current length, growing it until the text fits
@@ -81,6 +88,10 @@ bool appendFormatted(RecordBuffer* buffer, const char* format, va_list args) {
         size_t wanted = n < 0 ? buffer->capacity() * 2 : buffer->length + static_cast<size_t>(n) + 2;
         if (n >= 0 && wanted <= buffer->capacity()) {
             buffer->length += static_cast<size_t>(n);
+            break;
+        }
+        if (buffer->fixed()) {
+            buffer->length = room > 2 ? buffer->capacity() - 2 : buffer->length;
             break;
         }
         ok = wanted <= kMaxRecord && buffer->reserve(wanted);
@@ -201,9 +212,8 @@ void appendProcessId(RecordBuffer* prefix) {
 }
 
 // Line prefix in its fixed order: time, process, thread, client type, ": ".
-// Its pieces are bounded, so 256 bytes always hold it.
+// Its pieces are bounded, so the caller's 256 bytes always hold it.
 bool buildLinePrefix(RecordBuffer* prefix) {
-    if (!prefix->reserve(256)) return false;
     if (trFlags[TR_TIMESTAMP]) appendTimestamp(prefix);
     if (trFlags[TR_PID]) appendProcessId(prefix);
     ThreadTagFn tagFn = trState.threadTagFn;
@@ -221,7 +231,8 @@ bool buildLinePrefix(RecordBuffer* prefix) {
 }
 
 int32_t writeLine(const char* text, size_t length) {
-    RecordBuffer prefix;
+    char storage[256];
+    RecordBuffer prefix(storage, sizeof(storage));
     if (!buildLinePrefix(&prefix)) return RC_NO_MEMORY;
     return emit(prefix.data(), prefix.length, text, length, 0);
 }
@@ -396,6 +407,18 @@ int32_t trVPrintf(const char* file, uint32_t line, const char* format, va_list a
     ErrnoSaver keepErrno;
     RecordBuffer record;
     if (!formatRecord(&record, file, line, !endsInNewline(format), format, args)) return RC_NO_MEMORY;
+    return writeLine(record.data(), record.length);
+}
+
+int32_t trSignalPrintf(const char* file, uint32_t line, const char* format, ...) {
+    if (!trIsActive()) return 0;
+    ErrnoSaver keepErrno;
+    char storage[kTrSignalRecord];
+    RecordBuffer record(storage, sizeof(storage));
+    va_list args;
+    va_start(args, format);
+    formatRecord(&record, file, line, !endsInNewline(format), format, args);
+    va_end(args);
     return writeLine(record.data(), record.length);
 }
 

@@ -33,6 +33,15 @@ void fillSet(sigset_t* set, const int (&signals)[N]) {
     for (int sig : signals) sigaddset(set, sig);
 }
 
+void* exitAtOnce(void*) { pthread_exit(nullptr); }
+
+// The first pthread_exit loads the unwinder library, which allocates; doing that
+// here keeps the SIGUSR1 path of the trap handler free of it.
+void loadThreadExitUnwinder() {
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, exitAtOnce, nullptr) == 0) pthread_join(thread, nullptr);
+}
+
 int32_t installTrapHandlers() {
     int32_t rc = 0;
     for (int sig : kTrapSignals) {
@@ -54,6 +63,7 @@ int32_t psSetupSignals(PsSignalSets* sets) {
     fillSet(&sets->trap, kTrapSignals);
     fillSet(&sets->shutdown, kShutdownSignals);
     pthread_sigmask(SIG_BLOCK, &sets->shutdown, nullptr);
+    loadThreadExitUnwinder();
     return installTrapHandlers();
 }
 
@@ -88,10 +98,15 @@ int32_t psRequestShutdown(int32_t how) {
 }
 
 void psTrapHandler(int signal) {
-    TR_PRINTF(TR_THREAD, "%s thread %p terminating on signal %d\n", "Unknown",
-              reinterpret_cast<void*>(pthread_self()), signal);
+    // The handler may have interrupted malloc, so its records take no heap memory.
+    if (trFlags[TR_THREAD]) {
+        trSignalPrintf(__FILE__, __LINE__, "%s thread %p terminating on signal %d\n", "Unknown",
+                       reinterpret_cast<void*>(pthread_self()), signal);
+    }
     if (signal == SIGUSR1) pthread_exit(nullptr);
-    PS_THREAD_ERROR("%s thread, fatal error, signal %d\n", "Unknown", signal);
+    if (trFlags[TR_ERROR]) {
+        trSignalPrintf(__FILE__, __LINE__, "%s thread, fatal error, signal %d\n", "Unknown", signal);
+    }
     // Ending by the same signal keeps the exit status and any core dump honest.
     struct sigaction action {};
     action.sa_handler = SIG_DFL;

@@ -70,7 +70,6 @@ TEST_F(PkThreadTest, SelfDeadlockAndMisuseAreReportedNotHung) {
     ASSERT_EQ(RC_OK, pkAcquireMutex(mutex_));
     EXPECT_EQ(EDEADLK, pkAcquireMutex(mutex_));
     EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
-    EXPECT_EQ(EPERM, pkReleaseMutex(mutex_));
     EXPECT_EQ(-1, pkAcquireMutex(nullptr));
     EXPECT_EQ(-1, pkTryMutex(nullptr));
     EXPECT_EQ(-1, pkReleaseMutex(nullptr));
