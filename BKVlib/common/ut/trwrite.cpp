@@ -403,7 +403,7 @@ void trFormatThreadTag(unsigned long threadId, char* banner, size_t bannerSize, 
 }
 
 int32_t trVPrintf(const char* file, uint32_t line, const char* format, va_list args) {
-    if (!trIsActive()) return 0;
+    if (!trIsActive() || !format) return 0;
     ErrnoSaver keepErrno;
     RecordBuffer record;
     if (!formatRecord(&record, file, line, !endsInNewline(format), format, args)) return RC_NO_MEMORY;
@@ -411,7 +411,7 @@ int32_t trVPrintf(const char* file, uint32_t line, const char* format, va_list a
 }
 
 int32_t trSignalPrintf(const char* file, uint32_t line, const char* format, ...) {
-    if (!trIsActive()) return 0;
+    if (!trIsActive() || !format) return 0;
     ErrnoSaver keepErrno;
     char storage[kTrSignalRecord];
     RecordBuffer record(storage, sizeof(storage));
@@ -479,7 +479,7 @@ int32_t trWPrintf(const char* file, uint32_t line, const wchar_t* format, ...) {
 }
 
 int32_t trRawPrintf(const char* format, ...) {
-    if (!trIsActive()) return 0;
+    if (!trIsActive() || !format) return 0;
     ErrnoSaver keepErrno;
     RecordBuffer record;
     va_list args;
