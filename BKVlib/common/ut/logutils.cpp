@@ -298,18 +298,23 @@ int32_t writeFailed(LogFile* log) {
     return failWith(log, err);
 }
 
+// Length of the first line of the open log, newline included; 0 when it cannot be read.
+size_t headerLineOf(FILE* fp, char* buf, size_t size) {
+    ssize_t n;
+    do {
+        n = pread(fileno(fp), buf, size - 1, 0);
+    } while (n < 0 && errno == EINTR);
+    const char* newline = n > 0 ? static_cast<const char*>(memchr(buf, '\n', static_cast<size_t>(n))) : nullptr;
+    return newline ? static_cast<size_t>(newline - buf) + 1 : 0;
+}
+
 // nextWrite as another writer of the same file may have left it.
 int32_t rereadNextWrite(LogFile* log) {
     char line[kMaxHeaderLine + 1];
-    int32_t rc = -1;
-    if (fseeko(log->stream, 0, SEEK_SET) == 0 && fgets(line, sizeof(line), log->stream)) {
-        LogHeader header = utParseLogHeader(line, strlen(line));
-        if (header.valid) log->nextWrite = header.nextWrite;
-        rc = header.valid ? 0 : failWith(log, EINVAL);
-    } else {
-        rc = failWith(log, ferror(log->stream) ? errno : EINVAL);
-    }
-    return rc;
+    size_t length = headerLineOf(log->stream, line, sizeof(line));
+    LogHeader header = utParseLogHeader(line, length);
+    if (header.valid) log->nextWrite = header.nextWrite;
+    return header.valid ? 0 : failWith(log, length == 0 && errno ? errno : EINVAL);
 }
 
 // Marks the wrap point and pads to exactly maxBytes, then restarts after the header line.
@@ -323,9 +328,9 @@ int32_t wrapToTop(LogFile* log) {
     ok = ok && fflush(fp) == 0 && (remaining >= 0 || ftruncate(fileno(fp), ftello(fp)) == 0);
     if (ok && remaining > 0) ok = ftruncate(fileno(fp), log->maxBytes) == 0;
     char line[kMaxHeaderLine + 1];
-    ok = ok && fseeko(fp, 0, SEEK_SET) == 0 && fgets(line, sizeof(line), fp) != nullptr;
-    if (ok) log->nextWrite = static_cast<uint32_t>(ftello(fp));
-    return ok ? 0 : writeFailed(log);
+    size_t headerLine = ok ? headerLineOf(fp, line, sizeof(line)) : 0;
+    if (headerLine > 0) log->nextWrite = static_cast<uint32_t>(headerLine);
+    return headerLine > 0 ? 0 : writeFailed(log);
 }
 
 int32_t writeNextWrite(LogFile* log, uint32_t nextWrite) {
@@ -567,22 +572,36 @@ int32_t cannotOpen(LogFile* log, int err) {
     return failWith(log, err);
 }
 
+ssize_t preadRetry(int fd, char* buf, size_t size) {
+    ssize_t n;
+    do {
+        n = pread(fd, buf, size, 0);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
 // One descriptor serves both the look at the first line and, for the usual plain log,
-// the appending: a line of the activity log then costs a single open.
+// the appending: a line of the activity log then costs a single open. Only a log that
+// starts with the header tag has its whole first line read.
 int32_t openAndLook(LogFile* log, int* fd, FirstLook* look) {
     *fd = open(log->path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     if (*fd < 0) return cannotOpen(log, errno);
     char buf[kMaxHeaderLine];
-    ssize_t n;
-    do {
-        n = pread(*fd, buf, sizeof(buf), 0);
-    } while (n < 0 && errno == EINTR);
-    struct stat st;
-    if (n < 0 || fstat(*fd, &st) != 0) return cannotOpen(log, errno);
+    ssize_t n = preadRetry(*fd, buf, kHeaderTagLen);
+    if (n == static_cast<ssize_t>(kHeaderTagLen) && memcmp(buf, kHeaderTag, kHeaderTagLen) == 0) {
+        n = preadRetry(*fd, buf, sizeof(buf));
+    }
+    if (n < 0) return cannotOpen(log, errno);
     const char* newline = static_cast<const char*>(memchr(buf, '\n', static_cast<size_t>(n)));
     size_t lineLen = newline ? static_cast<size_t>(newline - buf) : static_cast<size_t>(n);
     look->header = utParseLogHeader(buf, lineLen);
     look->headerLen = static_cast<uint32_t>(newline ? lineLen + 1 : lineLen);
+    return 0;
+}
+
+int32_t measure(LogFile* log, int fd, FirstLook* look) {
+    struct stat st;
+    if (fstat(fd, &st) != 0) return cannotOpen(log, errno);
     look->size = st.st_size;
     return 0;
 }
@@ -670,6 +689,21 @@ int32_t forEachEntry(LogFile* log, FILE* in, const FirstLook& look, const LineSi
     return rc;
 }
 
+// Unbuffered, so that positioning costs no read and every piece is one write; the
+// header is read with pread.
+int32_t openWrappingStream(LogFile* log, uint32_t headerLen, uint32_t nextWrite) {
+    FILE* fp = fopen(log->path.c_str(), modeUpdate(log));
+    if (!fp) return cannotOpen(log, errno);
+    setvbuf(fp, nullptr, _IONBF, 0);
+    log->stream = fp;
+    log->wrapping = 1;
+    log->headerLen = headerLen;
+    log->nextWrite = nextWrite;
+    int32_t rc = fseeko(fp, nextWrite, SEEK_SET) == 0 ? 0 : writeFailed(log);
+    if (rc != 0) utCloseLog(log);
+    return rc;
+}
+
 // Builds a fresh wrapping log holding lines and renames it over the log; the log
 // record then owns its stream, positioned at nextWrite.
 int32_t writeWrappingLog(LogFile* log, const std::deque<std::string>& lines) {
@@ -688,9 +722,9 @@ int32_t writeWrappingLog(LogFile* log, const std::deque<std::string>& lines) {
                   temp.error(), errText(temp.error()).c_str());
         rc = failWith(log, temp.error());
     }
-    log->stream = rc == 0 ? temp.release() : nullptr;
-    log->wrapping = rc == 0 ? 1 : 0;
-    if (rc == 0 && fseeko(log->stream, log->nextWrite, SEEK_SET) != 0) rc = writeFailed(log);
+    log->stream = nullptr;
+    log->wrapping = 0;
+    if (rc == 0) rc = openWrappingStream(log, log->headerLen, log->nextWrite);
     return rc;
 }
 
@@ -745,17 +779,16 @@ int32_t shrinkWrapping(LogFile* log, const FirstLook& look) {
 }
 
 int32_t reopenWrapping(LogFile* log, const FirstLook& look, bool newMax) {
-    FILE* fp = fopen(log->path.c_str(), modeUpdate(log));
-    if (!fp) return cannotOpen(log, errno);
-    log->stream = fp;
-    log->wrapping = 1;
-    log->headerLen = look.headerLen;
-    log->nextWrite = look.header.nextWrite;
-    bool ok = !newMax || (fseeko(fp, kHeaderMaxOffset, SEEK_SET) == 0 &&
-                          fprintf(fp, "%-10lu", static_cast<unsigned long>(log->maxBytes)) > 0 && fflush(fp) == 0);
-    ok = ok && fseeko(fp, log->nextWrite, SEEK_SET) == 0;
-    int32_t rc = ok ? 0 : writeFailed(log);
-    if (rc != 0) utCloseLog(log);
+    int32_t rc = openWrappingStream(log, look.headerLen, look.header.nextWrite);
+    FILE* fp = log->stream;
+    bool ok = rc != 0 || !newMax ||
+              (fseeko(fp, kHeaderMaxOffset, SEEK_SET) == 0 &&
+               fprintf(fp, "%-10lu", static_cast<unsigned long>(log->maxBytes)) > 0 &&
+               fseeko(fp, log->nextWrite, SEEK_SET) == 0);
+    if (!ok) {
+        rc = writeFailed(log);
+        utCloseLog(log);
+    }
     return rc;
 }
 
@@ -809,12 +842,13 @@ int32_t utWrapFile(LogFile* log, const char* path, int32_t quiet) {
     int fd = -1;
     FirstLook look;
     int32_t rc = log->path.empty() ? failWith(log, ENOENT) : openAndLook(log, &fd, &look);
+    bool plainAsIs = rc == 0 && !look.header.present && log->maxBytes == 0 && log->retentionDays == kLogKeepForever;
+    if (rc == 0 && !plainAsIs) rc = measure(log, fd, &look);
     if (rc == 0 && isDamaged(look)) {
         TR_PRINTF(TR_ERROR, "utWrapFile(): damaged header in <%s>; log left as it is.\n", log->path.c_str());
         rc = failWith(log, EINVAL);
     }
-    bool plainAsIs = rc == 0 && !look.header.present && log->maxBytes == 0 && log->retentionDays == kLogKeepForever;
-    if (plainAsIs) {
+    if (rc == 0 && plainAsIs) {
         rc = attachAppend(log, fd);
         fd = -1;
     }
