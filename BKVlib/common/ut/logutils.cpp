@@ -10,6 +10,7 @@
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <optional>
 
 #include "BKVlib/common/nls/amsglog.h"
 #include "BKVlib/common/ut/trace.h"
@@ -124,41 +125,55 @@ bool isDated(const char* line, size_t length) {
     return length >= kDateTextLen && utParseDate(line, kDateTextLen, &date) == 0;
 }
 
-// A new file beside the log that replaces it only when complete. Unless committed the
-// destructor removes it, so a failure never leaves a half-written log behind.
+// A new file beside the log that replaces it only when complete. Unless committed it is
+// removed again, so a failure never leaves a half-written log behind.
 class TempFile {
 public:
-    explicit TempFile(const std::string& dir, bool binary) : path_(dir + "/.kfwconvXXXXXX") {
-        int fd = mkostemp(&path_[0], O_CLOEXEC);
-        if (fd >= 0) fp_.reset(fdopen(fd, binary ? "wb+" : "w+"));
-        if (fd >= 0 && !fp_.get()) close(fd);
-        err_ = fp_.get() ? 0 : errno;
+    // A fresh unique name in dir.
+    TempFile(const std::string& dir, bool binary) : path_(dir + "/.kfwconvXXXXXX") {
+        attach(mkostemp(&path_[0], O_CLOEXEC), binary);
     }
-    ~TempFile() {
-        if (!committed_ && !path_.empty()) unlink(path_.c_str());
+    struct FixedName {};
+    // The name path, emptied first.
+    TempFile(const std::string& path, bool binary, FixedName) : path_(path) {
+        attach(::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), binary);
     }
+    ~TempFile() { discard(); }
     TempFile(const TempFile&) = delete;
     TempFile& operator=(const TempFile&) = delete;
     FILE* get() const { return fp_.get(); }
     int error() const { return err_; }
     const std::string& path() const { return path_; }
-    // Flushes, syncs, takes over the log's permissions and renames onto target.
+    // Flushes, syncs, takes over the target's permissions and renames onto it.
     int32_t commit(const std::string& target) {
         struct stat st;
         bool ok = fflush(fp_.get()) == 0 && ferror(fp_.get()) == 0 && fsync(fileno(fp_.get())) == 0;
         if (ok && stat(target.c_str(), &st) == 0) fchmod(fileno(fp_.get()), st.st_mode & 07777);
         ok = ok && rename(path_.c_str(), target.c_str()) == 0;
         err_ = ok ? 0 : errno;
-        committed_ = ok;
+        created_ = created_ && !ok;
         return ok ? 0 : -1;
     }
-    FILE* release() { return fp_.release(); }
+    // Closes and removes an uncommitted file: 0, or the errno of the failed removal.
+    int discard() {
+        fp_.reset(nullptr);
+        int err = created_ && unlink(path_.c_str()) != 0 ? errno : 0;
+        created_ = false;
+        return err;
+    }
 
 private:
+    void attach(int fd, bool binary) {
+        created_ = fd >= 0;
+        if (fd >= 0) fp_.reset(fdopen(fd, binary ? "wb+" : "w+"));
+        err_ = fp_.get() ? 0 : errno;
+        if (fd >= 0 && !fp_.get()) close(fd);
+    }
+
     std::string path_;
     File fp_;
     int err_ = 0;
-    bool committed_ = false;
+    bool created_ = false;
 };
 
 // A file that lines are appended to and that can be put back to its size at opening,
@@ -378,11 +393,6 @@ class Pruner {
 public:
     Pruner(LogFile* log, const std::string& path, uint32_t retentionDays)
         : log_(log), path_(path), dir_(dirOf(path)), tempPath_(dir_ + "/" + kPruneTempName), retention_(retentionDays) {}
-    ~Pruner() {
-        if (tempOpen_ && unlink(tempPath_.c_str()) != 0 && errno != ENOENT) {
-            TR_PRINTF(TR_ERROR, "Couldn't remove temporary pruning file %s. rc = %d\n", tempPath_.c_str(), errno);
-        }
-    }
     Pruner(const Pruner&) = delete;
     Pruner& operator=(const Pruner&) = delete;
 
@@ -403,18 +413,17 @@ private:
     std::string dir_;
     std::string tempPath_;
     uint32_t retention_;
-    File in_, temp_;
+    File in_;
+    std::optional<TempFile> temp_;
     AppendFile save_;
-    bool tempOpen_ = false;
     unsigned long processed_ = 0;
     unsigned long pruned_ = 0;
 };
 
 int32_t Pruner::openTemp() {
-    temp_.reset(fopen(tempPath_.c_str(), log_->binaryModes ? "wbe" : "we"));
-    tempOpen_ = temp_.get() != nullptr;
-    if (tempOpen_) return 0;
-    int err = errno;
+    temp_.emplace(tempPath_, log_->binaryModes != 0, TempFile::FixedName());
+    if (temp_->get()) return 0;
+    int err = temp_->error();
     issueFileError(kMsgCannotOpenAux, tempPath_, err);
     TR_PRINTF(TR_ERROR, "Couldn't open temp file <%s> for pruning.\nerrno = %d, %s\n", tempPath_.c_str(), err,
               errText(err).c_str());
@@ -449,7 +458,7 @@ int32_t Pruner::open(const char* saveName) {
 }
 
 int32_t Pruner::keep(const char* line, size_t length) {
-    if (putText(temp_.get(), line, length)) return 0;
+    if (putText(temp_->get(), line, length)) return 0;
     int err = errno;
     issueFileError(kMsgWriteError, tempPath_, err);
     TR_PRINTF(TR_ERROR, "error writing to temp pruning file.\nerrno = %d, %s\n", err, errText(err).c_str());
@@ -513,22 +522,17 @@ void Pruner::rollBack() {
 
 int32_t Pruner::finish() {
     int32_t rc = 0;
-    if (pruned_ > 0) {
-        struct stat st;
-        FILE* fp = temp_.get();
-        bool ok = fflush(fp) == 0 && fsync(fileno(fp)) == 0;
-        if (ok && stat(path_.c_str(), &st) == 0) fchmod(fileno(fp), st.st_mode & 07777);
-        ok = ok && rename(tempPath_.c_str(), path_.c_str()) == 0;
-        if (!ok) {
-            int err = errno;
-            TR_PRINTF(TR_ERROR,
-                      "Couldn't copy from temp file back to <%s> after pruning. errno = %d, %s\noriginal log not pruned.",
-                      path_.c_str(), err, errText(err).c_str());
-            rc = failWith(log_, err);
-            rollBack();
-        }
+    if (pruned_ > 0 && temp_->commit(path_) != 0) {
+        int err = temp_->error();
+        TR_PRINTF(TR_ERROR,
+                  "Couldn't copy from temp file back to <%s> after pruning. errno = %d, %s\noriginal log not pruned.",
+                  path_.c_str(), err, errText(err).c_str());
+        rc = failWith(log_, err);
+        rollBack();
     }
     if (rc == 0) closeSave();
+    int err = temp_->discard();
+    if (err != 0) TR_PRINTF(TR_ERROR, "Couldn't remove temporary pruning file %s. rc = %d\n", tempPath_.c_str(), err);
     TR_PRINTF(TR_GENERAL, "Log Pruner: %lu lines processed. %lu lines pruned.\nLog Pruner finished.\n", processed_,
               pruned_);
     return rc;
