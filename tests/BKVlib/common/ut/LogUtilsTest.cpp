@@ -429,6 +429,21 @@ TEST_F(LogWrapTest, EntryThatWouldCrossMaximumWrapsAndPadsToExactlyMaxBytes) {
     }
 }
 
+TEST_F(LogWrapTest, OversizedEntryIsWrittenWholeAndLaterWrapRestoresSize) {
+    std::string path = dir_.file("huge.log");
+    utSetLogSettings(&log_, 400, nullptr, kLogKeepForever, kLogPruneDiscard, 0, 1);
+    ASSERT_EQ(0, utWrapFile(&log_, path.c_str(), 1));
+    std::string huge = entry(0, 500);
+    ASSERT_EQ(0, utLogWrite(&log_, huge.data(), huge.size()));
+    EXPECT_NE(std::string::npos, readFile(path).find(huge));
+    for (int i = 1; i <= 20; ++i) {
+        std::string text = entry(i);
+        ASSERT_EQ(0, utLogWrite(&log_, text.data(), text.size())) << i;
+    }
+    utCloseLog(&log_);
+    EXPECT_EQ(400u, fs::file_size(path));
+}
+
 TEST_F(LogWrapTest, SmallerMaximumKeepsNewestEntries) {
     std::string path = dir_.file("shrink.log");
     writeWrapping(path, 3000, 0, 50);
