@@ -81,7 +81,8 @@ private:
     bool acquired_;
 };
 
-// The record prefix's date and time texts ("%Y-%m-%d", "%H:%M:%S").
+// The record prefix's date and time texts in the process's date and time formats
+// (the agent's: "%Y-%m-%d", "%H:%M:%S").
 void trFormatDateTime(time_t seconds, char* date, size_t dateSize, char* timeText, size_t timeSize);
 
 bool trIsFileStream(FILE* stream);

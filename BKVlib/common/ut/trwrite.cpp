@@ -13,6 +13,7 @@
 
 #include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "BKVlib/common/ut/logutils.h"
 #include "BKVlib/common/ut/trace.h"
 #include "BKVlib/common/ut/trstate.h"
 
@@ -300,16 +301,22 @@ void copyBounded(char* out, size_t outSize, const char* text) {
 
 void trFormatDateTime(time_t seconds, char* date, size_t dateSize, char* timeText, size_t timeSize) {
     // localtime_r takes a lock and reads the zone each time; records within one
-    // second share the texts.
+    // second share the texts as long as the process's formats stay the same.
     thread_local time_t cachedSeconds = -1;
+    thread_local const char* cachedDateFormat = nullptr;
+    thread_local const char* cachedTimeFormat = nullptr;
     thread_local char cachedDate[32];
     thread_local char cachedTime[32];
-    if (seconds != cachedSeconds) {
+    const char* dateFormat = utDateFormat();
+    const char* timeFormat = utTimeFormat();
+    if (seconds != cachedSeconds || dateFormat != cachedDateFormat || timeFormat != cachedTimeFormat) {
         struct tm local {};
         localtime_r(&seconds, &local);
-        strftime(cachedDate, sizeof(cachedDate), "%Y-%m-%d", &local);
-        strftime(cachedTime, sizeof(cachedTime), "%H:%M:%S", &local);
+        if (utFormatDate(&local, cachedDate, sizeof(cachedDate)) == 0) cachedDate[0] = '\0';
+        if (utFormatTime(&local, cachedTime, sizeof(cachedTime)) == 0) cachedTime[0] = '\0';
         cachedSeconds = seconds;
+        cachedDateFormat = dateFormat;
+        cachedTimeFormat = timeFormat;
     }
     copyBounded(date, dateSize, cachedDate);
     copyBounded(timeText, timeSize, cachedTime);
