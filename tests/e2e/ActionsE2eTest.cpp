@@ -24,6 +24,10 @@ namespace {
 
 class ActionsE2eTest : public E2eTest {};
 
+FakeTool fake(const std::string& name, int exitStatus = 0, const std::string& err = "", const std::string& body = "") {
+    return FakeTool{name, "", exitStatus, err, body};
+}
+
 const std::string kData = PP_SOURCE_DIR "/tests/Multipath/data/";
 
 // Package queries: the vendor package (when vendor) and the device-mapper tools
@@ -44,9 +48,9 @@ std::string lunctlBody(int setStatus) {
 }
 
 void installDrivers(NamespaceHarness* host, bool vendor, bool dm, int setStatus = 0) {
-    host->addFakeTool(ToolDir::Path, {"rpm", "", 0, "", rpmBody(vendor, dm)});
-    if (vendor) host->addFakeTool(ToolDir::Path, {"lunctl", "", 0, "", lunctlBody(setStatus)});
-    if (dm) host->addFakeTool(ToolDir::Sbin, {"multipath", "", 0});
+    host->addFakeTool(ToolDir::Path, fake("rpm", 0, "", rpmBody(vendor, dm)));
+    if (vendor) host->addFakeTool(ToolDir::Path, fake("lunctl", 0, "", lunctlBody(setStatus)));
+    if (dm) host->addFakeTool(ToolDir::Sbin, fake("multipath"));
 }
 
 TEST_F(ActionsE2eTest, DeviceMapperHost) {
@@ -64,7 +68,7 @@ TEST_F(ActionsE2eTest, DeviceMapperHost) {
     for (const Case& c : cases) {
         NamespaceHarness host;
         installDrivers(&host, false, true);
-        host.addFakeTool(ToolDir::Sbin, {"multipath", "", c.multipathStatus, "policy error\n"});
+        host.addFakeTool(ToolDir::Sbin, fake("multipath", c.multipathStatus, "policy error\n"));
         RunResult r = host.run({"-multipath", c.request});
         ASSERT_EQ("", r.setupError);
         EXPECT_EQ(c.exitStatus, r.exitStatus) << c.request << ": " << r.describe();
@@ -156,7 +160,7 @@ struct RescanHost {
         host.placeTree("/sys/class/scsi_host", scsiHost);
         host.placeTree("/sys/class/fc_host", fcHost);
         // The script's 10-second pauses are skipped; the tool's own wait runs on a fast clock.
-        host.addFakeTool(ToolDir::Path, {"sleep", "", 0, "", std::string(kRecordPlanner) + "echo $p > " + pidFile});
+        host.addFakeTool(ToolDir::Path, fake("sleep", 0, "", std::string(kRecordPlanner) + "echo $p > " + pidFile));
         host.useFaketime("+0 x20");
     }
     // The script the run left in /tmp, removed here; empty when there was none.
@@ -189,7 +193,7 @@ TEST_F(ActionsE2eTest, RescanWaitsAndReconfiguresOnlyWithDriver) {
         RescanHost rescan;
         installDrivers(&rescan.host, c.vendor, c.dm);
         if (!c.dm) rescan.host.hideSbinTool("multipath");
-        rescan.host.addFakeTool(ToolDir::Path, {"cfglundev", "", c.cfglundevStatus, "cfglundev: failed\n"});
+        rescan.host.addFakeTool(ToolDir::Path, fake("cfglundev", c.cfglundevStatus, "cfglundev: failed\n"));
         RunResult r = rescan.host.run({"-multipath", "5;ignored"});
         ASSERT_EQ("", r.setupError);
         std::string label = std::string(c.vendor ? "vendor" : c.dm ? "dm" : "none");
@@ -209,9 +213,9 @@ TEST_F(ActionsE2eTest, StopBeforeRescanRunsNoScript) {
     RescanHost rescan;
     installDrivers(&rescan.host, true, false);
     // The vendor probe runs before the stop check: its rpm sends the stop request.
-    rescan.host.addFakeTool(ToolDir::Path, {"rpm", "", 0, "",
-                                            std::string(kRecordPlanner) + "kill -TERM $p\n" + rpmBody(true, false)});
-    rescan.host.addFakeTool(ToolDir::Path, {"cfglundev", "", 0});
+    rescan.host.addFakeTool(ToolDir::Path,
+                            fake("rpm", 0, "", std::string(kRecordPlanner) + "kill -TERM $p\n" + rpmBody(true, false)));
+    rescan.host.addFakeTool(ToolDir::Path, fake("cfglundev"));
     RunResult r = rescan.host.run({"-multipath", "5"});
     ASSERT_EQ("", r.setupError);
     EXPECT_EQ(8, r.exitStatus) << r.describe();
