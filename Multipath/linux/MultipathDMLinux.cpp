@@ -13,6 +13,11 @@ namespace {
 
 constexpr char kNotInstalledMarker[] = "multipath-tools is not installed";
 constexpr char kMultipathTool[] = "multipath";
+constexpr char kDmsetupTool[] = "dmsetup";
+constexpr char kListKeyword[] = "ls";
+constexpr char kTableKeyword[] = "table";
+constexpr char kMessageKeyword[] = "message";
+constexpr char kFailingFeature[] = "fail_if_no_path";
 
 // rpm is asked twice: once for the whole package list, filtered by awk, and then by
 // name for each match, so the answer carries the version the way rpm prints it. The
@@ -48,6 +53,71 @@ std::string versionFromQuery(const CmdExecer& exec) {
         NA_TRACE_MIN("Error getting Multipath version: %s\n", NA_STR(exec.sysErr));
     }
     return version;
+}
+
+// One command as the driver saw it; created is false when no executor could be made.
+struct ToolRun {
+    bool created = false;
+    int32_t rc = RC_NOT_RUN;
+    std::string command;
+    std::string out;
+    std::string err;
+};
+
+std::string joinWords(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+
+ToolRun runTool(const std::vector<std::string>& args) {
+    ToolRun run;
+    run.command = joinWords(args);
+    std::unique_ptr<CmdExecer> exec(new (std::nothrow) CmdExecer(args));
+    if (exec) {
+        run.created = true;
+        run.rc = exec->runCommand();
+        run.command = exec->getCommand();
+        run.out = exec->sysOut;
+        run.err = exec->sysErr;
+    }
+    return run;
+}
+
+// Reports a dmsetup step that could not run and records the stop; the caller traces
+// which step it was.
+bool ranOrStop(const ToolRun& run, DmQueueingSwitchResult* result) {
+    if (run.created && run.rc != RC_NOT_RUN) return true;
+    logMsg(activityLog, STA0356E, NA_STR(run.command));
+    result->stopped = true;
+    result->failedCommand = run.command;
+    return false;
+}
+
+void reportListing(const DmListingResult& result) {
+    switch (result.status) {
+        case DmListingStatus::kNotRun:
+            logMsg(activityLog, STA0356E, NA_STR(result.command));
+            break;
+        case DmListingStatus::kEmpty:
+            NA_TRACE_MIN("multipath -ll -v2 output is empty\n");
+            break;
+        case DmListingStatus::kNotLoaded:
+            NA_TRACE_MIN("DM multipath driver is installed but not loaded.\n");
+            logMsg(activityLog, AGT0463I);
+            break;
+        case DmListingStatus::kNoConfigFile:
+            NA_TRACE_MIN("multipath.conf file does not exist.\n");
+            logMsg(activityLog, AGT0464I);
+            break;
+        case DmListingStatus::kFailed:
+            logMsg(activityLog, STA0523E, NA_STR(result.command));
+            NA_TRACE_MIN("%s: Execute command multipath -ll -v2 failed.\n", "MultipathDMLinux::getMultipathConfig()");
+            break;
+        case DmListingStatus::kParsed:
+        case DmListingStatus::kNoDriver:
+            break;
+    }
 }
 
 }  // namespace
@@ -113,4 +183,87 @@ int32_t MultipathDMLinux::performDynamicReconfiguration() {
     NA_TRACE_ENTER("performDynamicReconfiguration()");
     NA_TRACE_EXIT("Exit: %s, rc = %d\n", "performDynamicReconfiguration()", RC_OK);
     return RC_OK;
+}
+
+void MultipathDMLinux::getMultipathConfig(Topology* topology, MultipathDriver* driver, DmListingResult* result) {
+    NA_TRACE_ENTER("MultipathDMLinux::getMultipathConfig()");
+    DmListingResult listing;
+    std::string version = (driver ? driver : this)->getVersion();
+    if (version.empty()) {
+        NA_TRACE_MID("No multipath driver to query.\n");
+        listing.status = DmListingStatus::kNoDriver;
+    } else {
+        runListing(dmDriverText(version), topology, &listing);
+    }
+    NA_TRACE_EXIT("Exit: %s\n", "MultipathDMLinux::getMultipathConfig()");
+    if (result) *result = listing;
+}
+
+void MultipathDMLinux::runListing(const std::string& driverText, Topology* topology, DmListingResult* result) {
+    ToolRun run = runTool({toolDir_ + kMultipathTool, "-ll", "-v2"});
+    result->command = run.command;
+    result->exitCode = run.rc;
+    result->sysErr = run.err;
+    if (!run.created) {
+        NA_TRACE_MIN("No stdOut from multipath -ll -v2 command!\n");
+        result->status = DmListingStatus::kNotRun;
+    } else {
+        result->status = dmClassifyListing(run.rc, run.out);
+        reportListing(*result);
+    }
+    if (result->status == DmListingStatus::kParsed) dmParseTopology(run.out, driverText, topology);
+}
+
+int32_t MultipathDMLinux::setFailIfNoPath(DmQueueingSwitchResult* result) {
+    NA_TRACE_ENTER("MultipathDMLinux::setFailIfNoPath");
+    DmQueueingSwitchResult done;
+    std::vector<std::string> names;
+    if (listMaps(&names, &done)) {
+        for (const std::string& name : names) {
+            if (!switchMap(name, &done)) break;
+        }
+    }
+    NA_TRACE_EXIT("Exit: %s\n", "MultipathDMLinux::setFailIfNoPath");
+    if (result) *result = std::move(done);
+    return RC_OK;
+}
+
+bool MultipathDMLinux::listMaps(std::vector<std::string>* names, DmQueueingSwitchResult* result) {
+    ToolRun run = runTool({toolDir_ + kDmsetupTool, kListKeyword});
+    bool ran = ranOrStop(run, result);
+    if (!run.created) {
+        NA_TRACE_MIN("No stdOut from 'dmsetup ls' command!\n");
+    } else if (!ran) {
+        NA_TRACE_MIN("Unable to get the mpaths using ls command.\n");
+    } else {
+        *names = dmMapNames(run.out);
+    }
+    return ran;
+}
+
+// One map: read its table and, when it queues, send it the failing feature. A
+// message that runs but fails is not retried: the next map is still worth a try.
+bool MultipathDMLinux::switchMap(const std::string& name, DmQueueingSwitchResult* result) {
+    NA_TRACE_MID("checking configuration of multipath device %s\n", NA_STR(name));
+    ToolRun table = runTool({toolDir_ + kDmsetupTool, kTableKeyword, name});
+    bool ran = ranOrStop(table, result);
+    if (!table.created) {
+        NA_TRACE_MIN("No stdOut from 'dmsetup table [multipathName]' command!\n");
+    } else if (!ran) {
+        NA_TRACE_MIN("Unable to get the mpath's information using table command.\n");
+    } else if (!dmTableQueues(table.out)) {
+        NA_TRACE_MID("multipath device %s is not configured with queue_if_no_path.\n", NA_STR(name));
+        result->notQueueing.push_back(name);
+    } else {
+        ToolRun message = runTool({toolDir_ + kDmsetupTool, kMessageKeyword, name, "0", kFailingFeature});
+        ran = ranOrStop(message, result);
+        if (!message.created) {
+            NA_TRACE_MIN("'dmsetup message [multipathName] 0 \"fail_if_no_path\"' command failed!\n");
+        } else if (!ran) {
+            NA_TRACE_MIN("Unable to set the mpath to fail_if_no_path for multipath device %s.\n", NA_STR(name));
+        } else {
+            result->switched.push_back(name);
+        }
+    }
+    return ran;
 }

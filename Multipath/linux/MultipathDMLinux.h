@@ -9,9 +9,26 @@
 #include <vector>
 
 #include "Multipath/MultipathDriver.h"
+#include "Multipath/linux/DMTopologyParser.h"
 
 // Where "multipath" and "dmsetup" live unless a caller says otherwise.
 inline constexpr char kDmDefaultToolDir[] = "/sbin/";
+
+// What the listing command of getMultipathConfig came to.
+struct DmListingResult {
+    DmListingStatus status = DmListingStatus::kNotRun;
+    int32_t exitCode = 0;
+    std::string command;  // the command line (empty when nothing ran)
+    std::string sysErr;   // what the command wrote to standard error
+};
+
+// What setFailIfNoPath did, map by map, in the order "dmsetup ls" listed them.
+struct DmQueueingSwitchResult {
+    std::vector<std::string> switched;     // queued I/O; the fail_if_no_path message was sent
+    std::vector<std::string> notQueueing;  // left alone
+    bool stopped = false;                  // a command could not be run; later maps not examined
+    std::string failedCommand;             // that command
+};
 
 class MultipathDMLinux : public MultipathDriver {
 public:
@@ -33,8 +50,21 @@ public:
     // The tools reconfigure themselves: RC_OK, runs nothing.
     int32_t performDynamicReconfiguration() override;
 
+    // Fills *topology (records owned by the map) from "multipath -ll -v2"; driver
+    // supplies the version (null: this object). Outcomes are traced and reported as
+    // messages, not returned; *result, when given, receives what the command came to.
+    void getMultipathConfig(Topology* topology, MultipathDriver* driver, DmListingResult* result = nullptr);
+    // Switches every multipath map that queues I/O without paths to failing it, and
+    // stops at the first command that cannot be run (a command that runs and fails
+    // counts as done). Returns RC_OK; *result, when given, says what was done.
+    int32_t setFailIfNoPath(DmQueueingSwitchResult* result = nullptr);
+
 
 private:
+    void runListing(const std::string& driverText, Topology* topology, DmListingResult* result);
+    bool listMaps(std::vector<std::string>* names, DmQueueingSwitchResult* result);
+    bool switchMap(const std::string& name, DmQueueingSwitchResult* result);
+
     std::string toolDir_;
     std::string version_;  // cached package line; empty until a query succeeded
 };
