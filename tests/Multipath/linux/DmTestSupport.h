@@ -74,7 +74,11 @@ public:
     void answer(const std::string& call, const std::string& out, int status = 0, const std::string& err = "") {
         writeFile(dir() + call + ".stdout", out);
         writeFile(dir() + call + ".status", std::to_string(status));
-        if (!err.empty()) writeFile(dir() + call + ".stderr", err);
+        if (err.empty()) {
+            unlink((dir() + call + ".stderr").c_str());
+        } else {
+            writeFile(dir() + call + ".stderr", err);
+        }
     }
     // The argument lines of every call of a tool, in order.
     std::vector<std::string> calls(const std::string& name) const { return splitLines(readFile(dir() + name + ".args")); }
