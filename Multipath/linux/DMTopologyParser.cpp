@@ -29,6 +29,8 @@ struct ParserState {
     int32_t pathsInGroup = 0;
     int32_t groupPriority = 0;
     std::map<std::string, std::map<int16_t, int32_t>> weights;
+    // weights[disk], looked up on the first store after a disk header; map nodes stay put.
+    std::map<int16_t, int32_t>* diskWeights = nullptr;
 };
 
 bool contains(std::string_view text, std::string_view part) {
@@ -93,7 +95,8 @@ int32_t toWeight(int64_t value) {
 }
 
 void storeWeight(ParserState* st) {
-    st->weights[st->disk][st->group] = toWeight(static_cast<int64_t>(st->pathsInGroup) * st->groupPriority);
+    if (!st->diskWeights) st->diskWeights = &st->weights[st->disk];
+    (*st->diskWeights)[st->group] = toWeight(static_cast<int64_t>(st->pathsInGroup) * st->groupPriority);
 }
 
 void closeGroup(ParserState* st) {
@@ -115,6 +118,7 @@ void handleDisk(std::string_view line, ParserState* st) {
         name = upTo(line.substr(findWwid(line)), " \t");
     }
     st->disk = std::string(name);
+    st->diskWeights = nullptr;
     NA_TRACE_MID("Found Disk %s\n", NA_STR(st->disk));
     st->group = 0;
     st->pathsInGroup = 0;
