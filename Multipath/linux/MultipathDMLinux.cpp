@@ -31,15 +31,13 @@ std::string firstLine(const std::string& text) {
 }
 
 // The failed command as traced: the command line, and what it said when it said anything.
-std::string failedCommandText(const CmdExecer& exec) {
-    std::string text = exec.getCommand();
-    if (!exec.sysErr.empty()) text += ": " + exec.sysErr;
-    return text;
+std::string failedCommandText(const DmToolRun& run) {
+    return run.err.empty() ? run.command : run.command + ": " + run.err;
 }
 
 // The package line when it says the tools are installed, else empty.
-std::string versionFromQuery(const CmdExecer& exec) {
-    std::string line = firstLine(exec.sysOut);
+std::string versionFromQuery(const DmToolRun& run) {
+    std::string line = firstLine(run.out);
     std::string version;
     // Some packagers print a sentence ending in the marker instead of failing; a
     // line that begins with the marker is taken as a package name (kept as the
@@ -47,22 +45,13 @@ std::string versionFromQuery(const CmdExecer& exec) {
     std::string::size_type marker = line.find(kNotInstalledMarker);
     if (marker != std::string::npos && marker > 0) {
         NA_TRACE_MID("No multipath tools version installed.\n");
-    } else if (exec.sysErr.empty()) {
+    } else if (run.err.empty()) {
         version = line;
     } else {
-        NA_TRACE_MIN("Error getting Multipath version: %s\n", NA_STR(exec.sysErr));
+        NA_TRACE_MIN("Error getting Multipath version: %s\n", NA_STR(run.err));
     }
     return version;
 }
-
-// One command as the driver saw it; created is false when no executor could be made.
-struct ToolRun {
-    bool created = false;
-    int32_t rc = RC_NOT_RUN;
-    std::string command;
-    std::string out;
-    std::string err;
-};
 
 std::string joinWords(const std::vector<std::string>& words) {
     std::string text;
@@ -70,23 +59,9 @@ std::string joinWords(const std::vector<std::string>& words) {
     return text;
 }
 
-ToolRun runTool(const std::vector<std::string>& args) {
-    ToolRun run;
-    run.command = joinWords(args);
-    std::unique_ptr<CmdExecer> exec(new (std::nothrow) CmdExecer(args));
-    if (exec) {
-        run.created = true;
-        run.rc = exec->runCommand();
-        run.command = exec->getCommand();
-        run.out = exec->sysOut;
-        run.err = exec->sysErr;
-    }
-    return run;
-}
-
 // Reports a dmsetup step that could not run and records the stop; the caller traces
 // which step it was.
-bool ranOrStop(const ToolRun& run, DmQueueingSwitchResult* result) {
+bool ranOrStop(const DmToolRun& run, DmQueueingSwitchResult* result) {
     if (run.created && run.rc != RC_NOT_RUN) return true;
     logMsg(activityLog, STA0356E, NA_STR(run.command));
     result->stopped = true;
@@ -124,16 +99,29 @@ void reportListing(const DmListingResult& result) {
 
 MultipathDMLinux::MultipathDMLinux(const std::string& toolDir) : toolDir_(toolDir) {}
 
+DmToolRun MultipathDMLinux::runTool(const std::vector<std::string>& args) {
+    DmToolRun run;
+    run.command = joinWords(args);
+    std::unique_ptr<CmdExecer> exec(new (std::nothrow) CmdExecer(args));
+    if (exec) {
+        run.created = true;
+        run.rc = exec->runCommand();
+        run.command = exec->getCommand();
+        run.out = exec->sysOut;
+        run.err = exec->sysErr;
+    }
+    return run;
+}
+
 std::string MultipathDMLinux::getVersion() {
     NA_TRACE_ENTER("getVersion()");
     if (version_.empty()) {
-        CmdExecer exec(packageQueryCommand());
-        int32_t rc = exec.runCommand();
-        if (rc != RC_OK) {
-            logMsg(activityLog, STA0356E, NA_STR(exec.getCommand()));
-            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(failedCommandText(exec)));
+        DmToolRun run = runTool(packageQueryCommand());
+        if (run.rc != RC_OK) {
+            logMsg(activityLog, STA0356E, NA_STR(run.command));
+            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(failedCommandText(run)));
         } else {
-            version_ = versionFromQuery(exec);
+            version_ = versionFromQuery(run);
         }
     }
     NA_TRACE_EXIT("Exit: %s, multipath driver version: %s\n", "getVersion()", NA_STR(version_));
@@ -146,14 +134,13 @@ int32_t MultipathDMLinux::setPolicy(int32_t setting, const std::vector<std::stri
     if (setting == kSettingRoundRobin) {
         // "multipath" without arguments rebuilds every map from multipath.conf, whose
         // selector is round robin; it cannot apply any other policy.
-        CmdExecer exec({toolDir_ + kMultipathTool});
-        int32_t cmdRc = exec.runCommand();
-        if (cmdRc == RC_NOT_RUN) {
-            logMsg(activityLog, STA0356E, NA_STR(exec.getCommand()));
-            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(exec.getCommand()));
+        DmToolRun run = runTool({toolDir_ + kMultipathTool});
+        if (run.rc == RC_NOT_RUN) {
+            logMsg(activityLog, STA0356E, NA_STR(run.command));
+            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(run.command));
             rc = RC_DRIVER_CMD_FAILED;
-        } else if (cmdRc != RC_OK) {
-            NA_TRACE_MIN("Invocation of %s returned: %s\n", NA_STR(exec.getCommand()), NA_STR(exec.sysOut));
+        } else if (run.rc != RC_OK) {
+            NA_TRACE_MIN("Invocation of %s returned: %s\n", NA_STR(run.command), NA_STR(run.out));
             rc = RC_DRIVER_CMD_FAILED;
         }
     } else {
@@ -171,11 +158,16 @@ int32_t MultipathDMLinux::setState(int32_t setting, const std::string& device, c
     return RC_OK;
 }
 
+// The tools change every map at once, so no single device or WWPN ever fails.
 std::vector<std::string> MultipathDMLinux::getErrorDevices() {
+    NA_TRACE_ENTER("getErrorDevices()");
+    NA_TRACE_EXIT("Exit: %s\n", "getErrorDevices()");
     return std::vector<std::string>();
 }
 
 std::vector<std::string> MultipathDMLinux::getErrorWWPNs() {
+    NA_TRACE_ENTER("getErrorWWPNs()");
+    NA_TRACE_EXIT("Exit: %s\n", "getErrorWWPNs()");
     return std::vector<std::string>();
 }
 
@@ -200,7 +192,7 @@ void MultipathDMLinux::getMultipathConfig(Topology* topology, MultipathDriver* d
 }
 
 void MultipathDMLinux::runListing(const std::string& driverText, Topology* topology, DmListingResult* result) {
-    ToolRun run = runTool({toolDir_ + kMultipathTool, "-ll", "-v2"});
+    DmToolRun run = runTool({toolDir_ + kMultipathTool, "-ll", "-v2"});
     result->command = run.command;
     result->exitCode = run.rc;
     result->sysErr = run.err;
@@ -229,7 +221,7 @@ int32_t MultipathDMLinux::setFailIfNoPath(DmQueueingSwitchResult* result) {
 }
 
 bool MultipathDMLinux::listMaps(std::vector<std::string>* names, DmQueueingSwitchResult* result) {
-    ToolRun run = runTool({toolDir_ + kDmsetupTool, kListKeyword});
+    DmToolRun run = runTool({toolDir_ + kDmsetupTool, kListKeyword});
     bool ran = ranOrStop(run, result);
     if (!run.created) {
         NA_TRACE_MIN("No stdOut from 'dmsetup ls' command!\n");
@@ -245,7 +237,7 @@ bool MultipathDMLinux::listMaps(std::vector<std::string>* names, DmQueueingSwitc
 // message that runs but fails is not retried: the next map is still worth a try.
 bool MultipathDMLinux::switchMap(const std::string& name, DmQueueingSwitchResult* result) {
     NA_TRACE_MID("checking configuration of multipath device %s\n", NA_STR(name));
-    ToolRun table = runTool({toolDir_ + kDmsetupTool, kTableKeyword, name});
+    DmToolRun table = runTool({toolDir_ + kDmsetupTool, kTableKeyword, name});
     bool ran = ranOrStop(table, result);
     if (!table.created) {
         NA_TRACE_MIN("No stdOut from 'dmsetup table [multipathName]' command!\n");
@@ -255,14 +247,14 @@ bool MultipathDMLinux::switchMap(const std::string& name, DmQueueingSwitchResult
         NA_TRACE_MID("multipath device %s is not configured with queue_if_no_path.\n", NA_STR(name));
         result->notQueueing.push_back(name);
     } else {
-        ToolRun message = runTool({toolDir_ + kDmsetupTool, kMessageKeyword, name, "0", kFailingFeature});
+        DmToolRun message = runTool({toolDir_ + kDmsetupTool, kMessageKeyword, name, "0", kFailingFeature});
         ran = ranOrStop(message, result);
         if (!message.created) {
             NA_TRACE_MIN("'dmsetup message [multipathName] 0 \"fail_if_no_path\"' command failed!\n");
         } else if (!ran) {
             NA_TRACE_MIN("Unable to set the mpath to fail_if_no_path for multipath device %s.\n", NA_STR(name));
         } else {
-            result->switched.push_back(name);
+            (message.rc == RC_OK ? result->switched : result->refused).push_back(name);
         }
     }
     return ran;

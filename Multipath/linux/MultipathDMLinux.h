@@ -14,6 +14,15 @@
 // Where "multipath" and "dmsetup" live unless a caller says otherwise.
 inline constexpr char kDmDefaultToolDir[] = "/sbin/";
 
+// One command as the driver saw it.
+struct DmToolRun {
+    bool created = false;    // an executor could be made
+    int32_t rc = -1;         // CmdExecer's result; -1 when the command could not be run
+    std::string command;     // the command line (the bare words when no executor was made)
+    std::string out;         // standard output
+    std::string err;         // standard error
+};
+
 // What the listing command of getMultipathConfig came to.
 struct DmListingResult {
     DmListingStatus status = DmListingStatus::kNotRun;
@@ -24,7 +33,8 @@ struct DmListingResult {
 
 // What setFailIfNoPath did, map by map, in the order "dmsetup ls" listed them.
 struct DmQueueingSwitchResult {
-    std::vector<std::string> switched;     // queued I/O; the fail_if_no_path message was sent
+    std::vector<std::string> switched;     // queued I/O; the fail_if_no_path message was taken
+    std::vector<std::string> refused;      // queued I/O; dmsetup ran but rejected the message
     std::vector<std::string> notQueueing;  // left alone
     bool stopped = false;                  // a command could not be run; later maps not examined
     std::string failedCommand;             // that command
@@ -59,6 +69,9 @@ public:
     // counts as done). Returns RC_OK; *result, when given, says what was done.
     int32_t setFailIfNoPath(DmQueueingSwitchResult* result = nullptr);
 
+protected:
+    // Every command of the driver goes through here, so a test can make one fail.
+    virtual DmToolRun runTool(const std::vector<std::string>& args);
 
 private:
     void runListing(const std::string& driverText, Topology* topology, DmListingResult* result);
