@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 #include <stdexcept>
+#include <vector>
 
 #include "Common/AgentTrace.h"
 
@@ -31,6 +32,9 @@ struct ParserState {
     std::map<std::string, std::map<int16_t, int32_t>> weights;
     // weights[disk], looked up on the first store after a disk header; map nodes stay put.
     std::map<int16_t, int32_t>* diskWeights = nullptr;
+    // The records of this listing in the order they were made: marking them walks
+    // memory in allocation order instead of hopping through the map.
+    std::vector<PathRecord*> made;
 };
 
 bool contains(std::string_view text, std::string_view part) {
@@ -213,8 +217,13 @@ void handlePath(std::string_view line, const std::string& driverText, ParserStat
     rec->disk = st->disk;
     rec->group = st->group;
     if (!driverText.empty()) rec->driverVersion = driverText;
-    std::string key = rec->device;
-    (*topology)[key] = std::move(rec);
+    auto slot = topology->try_emplace(rec->device);
+    if (!slot.first->second) {
+        slot.first->second = std::move(rec);
+        st->made.push_back(slot.first->second.get());
+    } else {
+        *slot.first->second = std::move(*rec);  // the later line for a device wins
+    }
     ++st->pathsInGroup;
 }
 
@@ -233,7 +242,7 @@ void handleLine(std::string_view line, const std::string& driverText, ParserStat
 // group weighs more than 0. Paths are marked by group number alone, so a map's best
 // number marks that group in every map: the agent's server has always been given
 // the marks this way.
-void markPreferred(const ParserState& st, Topology* topology) {
+void markPreferred(const ParserState& st, bool onlyMade, Topology* topology) {
     std::set<int16_t> bestGroups;
     for (const auto& disk : st.weights) {
         int32_t bestWeight = 0;
@@ -246,8 +255,13 @@ void markPreferred(const ParserState& st, Topology* topology) {
         }
         bestGroups.insert(bestGroup);
     }
-    for (auto& entry : *topology) {
-        if (bestGroups.count(entry.second->group) > 0) entry.second->preferred = true;
+    auto mark = [&](PathRecord* rec) {
+        if (bestGroups.count(rec->group) > 0) rec->preferred = true;
+    };
+    if (onlyMade) {
+        for (PathRecord* rec : st.made) mark(rec);
+    } else {
+        for (auto& entry : *topology) mark(entry.second.get());
     }
 }
 
@@ -289,6 +303,8 @@ std::string dmDriverText(const std::string& version) {
 void dmParseTopology(std::string_view listing, const std::string& driverText, Topology* topology) {
     NA_TRACE_ENTER("dmParseTopology()");
     ParserState st;
+    // Records the caller already held are marked too, so they need the map walk.
+    bool onlyMade = topology->empty();
     forEachLine(listing, [&](std::string_view line) {
         try {
             handleLine(line, driverText, &st, topology);
@@ -298,7 +314,7 @@ void dmParseTopology(std::string_view listing, const std::string& driverText, To
     });
     // The last group is closed even in a listing without group lines (group 0).
     storeWeight(&st);
-    markPreferred(st, topology);
+    markPreferred(st, onlyMade, topology);
     NA_TRACE_EXIT("Exit: %s, paths = %d\n", "dmParseTopology()", static_cast<int>(topology->size()));
 }
 

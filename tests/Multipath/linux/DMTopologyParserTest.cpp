@@ -210,6 +210,22 @@ TEST(DMTopologyParserTest, LaterLineForSameDeviceReplacesRecord) {
     EXPECT_EQ(records, std::vector<std::string>{"sdb 1:0:0:1 mode=failed state=faulty policy=rr disk=b group=1 preferred"});
 }
 
+TEST(DMTopologyParserTest, RecordsAlreadyHeldAreMarkedToo) {
+    Topology topology;
+    topology["sdx"] = std::make_unique<PathRecord>();
+    topology["sdx"]->group = 2;
+    topology["sdy"] = std::make_unique<PathRecord>();
+    topology["sdy"]->group = 1;
+    std::vector<std::string> records = parse(
+        "b (0123456789abcdee)\n\\_ rr 0 [prio=1]\n \\_ 1:0:0:1 sdb 8:16 [active][ready]\n"
+        "\\_ rr 0 [prio=5]\n \\_ 1:0:0:2 sdc 8:32 [active][ready]\n",
+        &topology);
+    EXPECT_TRUE(topology.at("sdx")->preferred);
+    EXPECT_FALSE(topology.at("sdy")->preferred);
+    EXPECT_FALSE(topology.at("sdb")->preferred);
+    EXPECT_TRUE(topology.at("sdc")->preferred);
+}
+
 TEST(DMTopologyParserTest, NoiseAroundTheListingIsIgnored) {
     std::string noisy = "Jan 01 00:00:00 | sda: checker msg is \"directio checker reports path is up\"\n"
                         "multipathd: 8:16: reinstated\n"
