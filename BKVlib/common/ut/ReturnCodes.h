@@ -49,6 +49,8 @@ constexpr int32_t RC_MISSING_ARG = 109;
 constexpr int32_t RC_COND_WAIT_FAILED = 131;
 constexpr int32_t RC_TRACE_OPEN_FAILED = 426;
 constexpr int32_t RC_NLS_INIT_FAILED = 610;
+constexpr int32_t RC_CAT_NOT_OPENED = 2;      // openCat: no catalogue for that language
+constexpr int32_t RC_MSG_NOT_FOUND = 611;     // message missing, corrupt, or no repository
 constexpr int32_t RC_MUTEX_BUSY = 932;
 constexpr int32_t RC_TRACE_DIR_UNUSABLE = 959;
 
