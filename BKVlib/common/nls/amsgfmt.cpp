@@ -31,7 +31,7 @@ size_t lengthModifier(const char* text, size_t i, size_t avail, char* mod) {
 // The argument type that a conversion letter with its length modifier consumes.
 uint8_t typeFor(char mod, char letter) {
     bool longInt = isOneOf(mod, "lqjzt");
-    if (isOneOf(letter, "di")) return longInt ? NL_ARG_LONG : (isOneOf(mod, "LH") ? NL_ARG_BAD : NL_ARG_INT);
+    if (isOneOf(letter, "di")) return longInt ? NL_ARG_LONG : (mod == 'L' ? NL_ARG_BAD : NL_ARG_INT);
     if (isOneOf(letter, "ouxX")) return longInt ? NL_ARG_LONG : (mod == 'L' ? NL_ARG_BAD : NL_ARG_UINT);
     if (letter == 'c') return mod == 0 ? NL_ARG_INT : (mod == 'l' ? NL_ARG_UINT : NL_ARG_BAD);
     if (letter == 's') return (mod == 0 || mod == 'l') ? NL_ARG_PTR : NL_ARG_BAD;

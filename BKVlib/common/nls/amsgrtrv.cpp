@@ -246,6 +246,10 @@ NLSMsg* buildMsg(uint16_t number, const char* raw) {
         setPending("KRN9999E %s(%u): Message No %u is corrupted.\n", kModule, __LINE__, number);
         return nullptr;
     }
+    if (!identifierKept(code)) {
+        text.erase(0, bodyOffset);
+        bodyOffset = 0;
+    }
     std::string body = text.substr(bodyOffset);
     nlDecodeStandins(&body);
     text.replace(bodyOffset, std::string::npos, body);

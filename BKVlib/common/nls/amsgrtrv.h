@@ -48,6 +48,7 @@ struct NlsSettings {
     int32_t logSeverityMin = 3;    // lowest severity code the severity logger records
     int32_t catalogSet = 1;        // the catalogue set that holds the messages
     int32_t stampConsole = 0;      // 1: console messages start with date and time
+    std::string component;         // three-letter component of the program ("HKA")
 };
 
 // One cached message: a heap block holding the fields and the text behind them.

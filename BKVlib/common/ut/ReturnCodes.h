@@ -21,6 +21,7 @@ constexpr int32_t RC_CANCELLED = 8;           // rescan stopped, or rescan scrip
 constexpr int32_t RC_TRACE_FAILED = 30;       // trace facility failed to start
 constexpr int32_t RC_NO_INSTALL_DIR = 59;     // installation directory unknown
 constexpr int32_t RC_CATALOG_FAILED = 72;     // message catalogue failed to start
+constexpr int32_t RC_MESSAGES_FAILED = 1;     // initMessages: repository not started
 
 // Agent common services.
 constexpr int32_t RC_LOG_OPEN_FAILED = 9;     // activity log could not be opened
