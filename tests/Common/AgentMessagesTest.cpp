@@ -76,6 +76,19 @@ TEST_F(AgentMessagesTest, OutputOperationsReachTheirDestinations) {
     (void)system(("rm -rf '" + std::string(pattern) + "'").c_str());
 }
 
+// The agent's catalogue doubles as the library's English one.
+TEST_F(AgentMessagesTest, LibraryMessagesWithTheirCallersInserts) {
+    EXPECT_EQ("KRN0264E The log /var/x.log cannot be opened (errno 13: Permission denied).",
+              getMsg(264, "", "/var/x.log", 13, "Permission denied"));
+    EXPECT_EQ("KRN0250E Writing to the log /var/x.log failed (errno 28: No space left on device); the log is "
+              "switched off.",
+              getMsg(250, "", "No space left on device", 28, "/var/x.log"));
+    EXPECT_EQ("KRN0232I 50000 log lines have been copied so far.", getMsg(232, "", 50000UL));
+    EXPECT_EQ("KRN0263E Internal error in BKVlib/common/ut/GlobalRC(42): Unable to acquire global rc mutex",
+              getMsg(263, "", "BKVlib/common/ut/GlobalRC", 42, "Unable to acquire global rc mutex"));
+    EXPECT_EQ("Trace classes switched on:", getMsg(226, ""));
+}
+
 TEST_F(AgentMessagesTest, GermanCatalogueReordersInserts) {
     endMessages();
     ASSERT_EQ(0, initMessages(kNlsDir, "", "qlxna.cat", "de_DE.UTF-8"));
