@@ -10,6 +10,7 @@
 #include "BKVlib/common/nls/amsgrtrv.h"
 #include "BKVlib/common/ut/GlobalRC.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "BKVlib/common/ut/logutils.h"
 #include "BKVlib/common/ut/trace.h"
 
 namespace {
@@ -50,13 +51,13 @@ void defaultSeverityLogger(uint8_t severity, const char* text) {
 
 void toStdout(const std::string& text) {
     if (nlSettings().stampConsole) {
-        char date[16];
-        char clock[16];
         time_t now = time(nullptr);
         struct tm local;
         localtime_r(&now, &local);
-        strftime(date, sizeof(date), "%m/%d/%Y", &local);
-        strftime(clock, sizeof(clock), "%H:%M:%S", &local);
+        char date[64];
+        char clock[64];
+        utFormatDate(&local, date, sizeof(date));
+        utFormatTime(&local, clock, sizeof(clock));
         printf("%s %s ", date, clock);
     }
     fputs(text.c_str(), stdout);

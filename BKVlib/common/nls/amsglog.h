@@ -48,6 +48,16 @@ void nlSetSeverityLogger(NlSeverityLogger logger);
 // like): trace, severity logger, and standard error when show.
 void nlLogLibText(uint8_t severity, const char* text, bool show);
 
+// The library's logs. maxBytes 0 opens a plain log, pruned by age with the
+// retention and prune mode of nlsInit's set-up values (pruned entries are saved
+// beside the log as "<name>.pruned"); otherwise a wrapping log of that size. The
+// third log is never pruned. 0, or -1 with the log left closed.
+constexpr int32_t NL_LOG_ERROR = 0;
+constexpr int32_t NL_LOG_SCHED = 1;
+constexpr int32_t NL_LOG_THIRD = 2;
+int32_t nlOpenLog(int32_t which, const char* path, uint32_t maxBytes);
+void nlCloseLog(int32_t which);
+
 // The sinks. Each writes one text and does nothing (0) while its log is not open.
 // nlErrorLogWrite: RC_OK, RC_MISSING_ARG (no repository or mutex) or
 // RC_LOG_WRITE_FAILED; it takes the NLS mutex.

@@ -293,6 +293,10 @@ nlsObject_t* nlsObject() {
     return &gNls;
 }
 
+MutexHandle nlsMutex() {
+    return gNlsMutex;
+}
+
 void nlsObject_t::AddList(NLSMsg** list, NLSMsg* nlsMsgP) {
     assert(nlsMsgP->next == NULL);
     if (*list == nullptr) {

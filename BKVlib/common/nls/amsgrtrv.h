@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "BKVlib/common/nls/amsgfmt.h"
+#include "BKVlib/common/thrd/pkthread.h"
 
 // The library's own catalogue, and the English fallback of most clients.
 extern const char* const NL_LIB_CATALOG;  // "kfwclientV3.cat"
@@ -88,6 +89,8 @@ public:
 
 // The process's repository object (never null).
 nlsObject_t* nlsObject();
+// The NLS mutex; null before the first nlsInit.
+MutexHandle nlsMutex();
 
 // Opens the catalogues and starts the repository. A second call returns RC_OK at
 // once. RC_NLS_INIT_FAILED for names that are too long or a missing English

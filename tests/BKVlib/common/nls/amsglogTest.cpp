@@ -2,12 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "BKVlib/common/nls/amsgrtrv.h"
 #include "BKVlib/common/ut/GlobalRC.h"
+#include "BKVlib/common/ut/ReturnCodes.h"
 #include "tests/BKVlib/common/nls/NlsTestCatalog.h"
 
 namespace {
@@ -24,7 +28,9 @@ protected:
         nlsTerminate();
         ASSERT_EQ("", catalog_.add("en_US", "lib.cat",
                                    "1 KRN0001I Copied %d files to %s.\n"
-                                   "2 KRN0002E Failed on %s.\n"));
+                                   "2 KRN0002E Failed on %s.\n"
+                                   "227 KRN0227I Not for the schedule log.\n"
+                                   "250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
         std::string used;
         ASSERT_EQ(0, nlsInit("lib.cat", catalog_.dir().c_str(), "lib.cat", NlsSettings(), &used));
         GlobalrC::instance()->clearAllRC();
@@ -32,8 +38,16 @@ protected:
         nlSetSeverityLogger(captureLogger);
     }
     void TearDown() override {
+        for (int32_t log : {NL_LOG_ERROR, NL_LOG_SCHED, NL_LOG_THIRD}) nlCloseLog(log);
         nlSetSeverityLogger(nullptr);
         nlsTerminate();
+    }
+    std::string logPath(const char* name) const { return catalog_.dir() + "/" + name; }
+    static std::string readLog(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        std::ostringstream out;
+        out << in.rdbuf();
+        return out.str();
     }
     uint16_t issue(NlMsgDesc* desc, char* buffer, uint16_t avail, ...) {
         va_list args;
@@ -103,6 +117,58 @@ TEST_F(NlLogPrintfTest, MissingMessageIssuesNothing) {
     EXPECT_EQ(0, issue(&desc, buffer, sizeof(buffer)));
     EXPECT_EQ(0, nlIssue(77, 0));
     EXPECT_EQ(23, nlIssue(2, 0, "sdc"));
+}
+
+// Date and time in the library's default formats, then the text.
+const char* const kStamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d )";
+
+TEST_F(NlLogPrintfTest, ErrorLogLinesAreStampedAndEndInNewline) {
+    EXPECT_EQ(RC_OK, nlErrorLogWrite("not open yet"));
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_ERROR, logPath("error.log").c_str(), 0));
+    nlIssue(2, NL_ERRORLOG, "sda");
+    nlIssue(1, NL_ERRORLOG | NL_NEWLINE, 2, "/b");
+    nlIssue(1, 0, 3, "/c");
+    std::string expected = std::string(kStamp) + "KRN0002E Failed on sda\\.\n" + kStamp +
+                           "KRN0001I Copied 2 files to /b\\.\n";
+    EXPECT_TRUE(std::regex_match(readLog(logPath("error.log")), std::regex(expected))) << readLog(logPath("error.log"));
+    nlsTerminate();
+    EXPECT_EQ(RC_MISSING_ARG, nlErrorLogWrite("no repository"));
+}
+
+TEST_F(NlLogPrintfTest, WrappingErrorLogStaysWithinItsSize) {
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_ERROR, logPath("wrap.log").c_str(), 600));
+    for (int i = 0; i < 40; ++i) nlIssue(1, NL_ERRORLOG, i, "/wrapped");
+    std::string log = readLog(logPath("wrap.log"));
+    EXPECT_EQ(600u, log.size());
+    EXPECT_EQ(0u, log.find("LOGHEADERREC"));
+    EXPECT_NE(std::string::npos, log.find("Copied 39 files"));
+}
+
+TEST_F(NlLogPrintfTest, ScheduleLogStampsOnlyNewLines) {
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_SCHED, logPath("sched.log").c_str(), 0));
+    nlSchedLogWrite("part one, ");
+    nlSchedLogWrite("continued\n");
+    nlIssue(227, NL_NEWLINE);
+    nlIssue(2, NL_NEWLINE, "sdd");
+    std::string expected = std::string(kStamp) + "part one, continued\n" + kStamp + "KRN0002E Failed on sdd\\.\n";
+    EXPECT_TRUE(std::regex_match(readLog(logPath("sched.log")), std::regex(expected))) << readLog(logPath("sched.log"));
+}
+
+TEST_F(NlLogPrintfTest, ThirdLogOneLinePerTextNarrowAndWide) {
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_THIRD, logPath("third.log").c_str(), 0));
+    EXPECT_EQ(RC_OK, nlThirdLogWrite("narrow\n"));
+    EXPECT_EQ(RC_OK, nlThirdLogWriteW(L"wide"));
+    std::string expected = std::string(kStamp) + "narrow\n" + kStamp + "wide\n";
+    EXPECT_TRUE(std::regex_match(readLog(logPath("third.log")), std::regex(expected))) << readLog(logPath("third.log"));
+}
+
+TEST_F(NlLogPrintfTest, FailedThirdLogIsSwitchedOffWithMessage250) {
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_ERROR, logPath("error.log").c_str(), 0));
+    if (nlOpenLog(NL_LOG_THIRD, "/dev/full", 0) != 0) GTEST_SKIP() << "/dev/full cannot be opened as a log here";
+    EXPECT_EQ(RC_LOG_WRITE_FAILED, nlThirdLogWrite("lost"));
+    EXPECT_EQ(RC_OK, nlThirdLogWrite("not written: the log is off"));
+    EXPECT_NE(std::string::npos, readLog(logPath("error.log")).find("KRN0250E Log /dev/full off: "));
+    EXPECT_EQ(GRC_SEVERE, GlobalrC::instance()->get());
 }
 
 TEST(NlYesNoTest, WordLists) {
