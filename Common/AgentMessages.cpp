@@ -94,7 +94,7 @@ int32_t initMessages(const std::string& msgDir, const std::string&, const std::s
     NA_TRACE_ENTER("initMessages()");
     NlsSettings settings;  // the agent's fixed set-up values
     settings.component = kComponent;
-    if (!language.empty()) nlSetLanguage(language.c_str());
+    nlSetLanguage(language.c_str());  // empty: the process locale decides
     std::string used;
     int32_t rc = nlsInit(catalogName.c_str(), msgDir.c_str(), catalogName.c_str(), settings, &used);
     if (rc == RC_OK) {
