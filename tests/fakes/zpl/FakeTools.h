@@ -97,12 +97,17 @@ private:
     std::string file_;
 };
 
-// Publishes a private activity log as the process-wide one while it lives.
+// Publishes a private activity log as the process-wide one, with the built English
+// catalogue started, while it lives (the test target depends on "catalogs").
 class LogCapture {
 public:
-    LogCapture() : file_(makeTempDir() + "/activity.log"), log_(file_) { activityLog = &log_; }
+    LogCapture() : file_(makeTempDir() + "/activity.log"), log_(file_) {
+        initMessages(PP_BINARY_DIR "/nls", "", "qlxna.cat", "en_US");
+        activityLog = &log_;
+    }
     ~LogCapture() {
         activityLog = nullptr;
+        endMessages();
         std::error_code ignored;
         std::filesystem::remove_all(std::filesystem::path(file_).parent_path(), ignored);
     }
