@@ -16,6 +16,7 @@
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
 #include "Common/LogManager.h"
+#include "tests/support/TestCatalog.h"
 
 namespace dmtest {
 
@@ -126,7 +127,10 @@ private:
 // Publishes an activity log in a temporary file while the object lives.
 class ActivityLogCapture {
 public:
-    ActivityLogCapture() : file_(dir_.path() + "/multipath.log"), log_(file_) { activityLog = &log_; }
+    ActivityLogCapture() : file_(dir_.path() + "/multipath.log"), log_(file_) {
+        useBuiltCatalog();
+        activityLog = &log_;
+    }
     ~ActivityLogCapture() { activityLog = nullptr; }
     ActivityLogCapture(const ActivityLogCapture&) = delete;
     ActivityLogCapture& operator=(const ActivityLogCapture&) = delete;
