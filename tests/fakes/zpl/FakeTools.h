@@ -16,6 +16,7 @@
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
 #include "Common/LogManager.h"
+#include "tests/support/TestCatalog.h"
 
 namespace zpltest {
 
@@ -97,17 +98,16 @@ private:
     std::string file_;
 };
 
-// Publishes a private activity log as the process-wide one, with the built English
-// catalogue started, while it lives (the test target depends on "catalogs").
+// Publishes a private activity log as the process-wide one, with the built
+// catalogue open, while it lives.
 class LogCapture {
 public:
     LogCapture() : file_(makeTempDir() + "/activity.log"), log_(file_) {
-        initMessages(PP_BINARY_DIR "/nls", "", "qlxna.cat", "en_US");
+        useBuiltCatalog();
         activityLog = &log_;
     }
     ~LogCapture() {
         activityLog = nullptr;
-        endMessages();
         std::error_code ignored;
         std::filesystem::remove_all(std::filesystem::path(file_).parent_path(), ignored);
     }
