@@ -71,6 +71,7 @@ struct Pool {
     BlockRef freeList = kNoBlock;
     std::vector<Segment*> table;  // by segment number; null slots are reused
     std::vector<Region> regions;  // sorted by begin
+    size_t lastRegion = 0;        // index of the region found last
     KfwStats stats = {};
     KfwOutOfMemoryHandler outOfMemory = nullptr;
     KfwSystemAllocator system = {malloc, free};
@@ -165,24 +166,34 @@ void dropRegion(Pool& p, const void* base) {
     if (at != p.regions.end() && at->begin == key) p.regions.erase(at);
 }
 
+// The region holding addr, or null. The region of the last call is tried first:
+// frees tend to follow allocations from the same segment.
+const Region* regionOf(Pool& p, uintptr_t addr) {
+    const Region* found = nullptr;
+    if (p.lastRegion < p.regions.size() && addr >= p.regions[p.lastRegion].begin &&
+        addr < p.regions[p.lastRegion].end) {
+        found = &p.regions[p.lastRegion];
+    } else {
+        auto at = std::upper_bound(p.regions.begin(), p.regions.end(), addr,
+                                   [](uintptr_t k, const Region& r) { return k < r.begin; });
+        if (at != p.regions.begin() && addr < (at - 1)->end) {
+            found = &*(at - 1);
+            p.lastRegion = static_cast<size_t>(at - 1 - p.regions.begin());
+        }
+    }
+    return found;
+}
+
 // The header of the block behind payload, or null when payload is not where a block
 // of this pool can start.
 CBlkHead* findBlock(Pool& p, const void* payload, const Region** region) {
     uintptr_t addr = reinterpret_cast<uintptr_t>(payload);
-    auto at = std::upper_bound(p.regions.begin(), p.regions.end(), addr,
-                               [](uintptr_t k, const Region& r) { return k < r.begin; });
-    CBlkHead* found = nullptr;
-    if (at != p.regions.begin()) {
-        const Region& r = *(at - 1);
-        bool inside = r.direct ? addr == r.begin + sizeof(DirBlock) + kHead
-                               : addr >= r.begin + sizeof(Segment) + kHead &&
-                                     addr < r.begin + sizeof(Segment) + kWholeBlock && addr % kGrain == 0;
-        if (inside) {
-            found = headOf(const_cast<void*>(payload));
-            *region = &r;
-        }
-    }
-    return found;
+    const Region* r = regionOf(p, addr);
+    bool inside = r && (r->direct ? addr == r->begin + sizeof(DirBlock) + kHead
+                                  : addr >= r->begin + sizeof(Segment) + kHead &&
+                                        addr < r->begin + sizeof(Segment) + kWholeBlock && addr % kGrain == 0);
+    if (inside) *region = r;
+    return inside ? headOf(const_cast<void*>(payload)) : nullptr;
 }
 
 BlockRef refOf(Segment* seg, CBlkHead* b) {
@@ -296,8 +307,7 @@ void releaseSegment(Pool& p, Segment* seg) {
 // They are file-local but outside the unnamed namespace so that an assertion names
 // them plainly.
 
-static void* KfwDirAlloc(size_t size) {
-    Pool& p = pool();
+static void* KfwDirAlloc(Pool& p, size_t size) {
     size_t length = sizeof(DirBlock) + kHead + size;
     DirBlock* d = length > size ? static_cast<DirBlock*>(systemAlloc(p, length, false)) : nullptr;
     if (d && !addRegion(p, d, length, true)) {
@@ -320,8 +330,7 @@ static void* KfwDirAlloc(size_t size) {
     return result;
 }
 
-static void KfwDirFree(CBlkHead* b) {
-    Pool& p = pool();
+static void KfwDirFree(Pool& p, CBlkHead* b) {
     DirBlock* d = reinterpret_cast<DirBlock*>(b) - 1;
     if (d->prev) {
         d->prev->next = d->next;
@@ -337,8 +346,7 @@ static void KfwDirFree(CBlkHead* b) {
 
 // Hands out needed bytes of free block b, cutting them from its end when the rest is
 // worth keeping.
-static void* KfwCarve(CBlkHead* b, int32_t needed) {
-    Pool& p = pool();
+static void* KfwCarve(Pool& p, CBlkHead* b, int32_t needed) {
     void* result = nullptr;
     if (KFW_ASSERT(b->magic == KF_MAGIC_FREE && b->bSize >= needed, b)) {
         int32_t rest = b->bSize - needed;
@@ -362,32 +370,30 @@ static void* KfwCarve(CBlkHead* b, int32_t needed) {
     return result;
 }
 
-static void* KfwBlockAlloc(size_t size) {
-    Pool& p = pool();
+static void* KfwBlockAlloc(Pool& p, size_t size) {
     void* result = nullptr;
     if (KFW_ASSERT(size > 0, nullptr)) {
         if (size > static_cast<size_t>(KF_SEG_SIZE)) {
-            result = KfwDirAlloc(size);
+            result = KfwDirAlloc(p, size);
         } else {
             int32_t needed = static_cast<int32_t>(neededSize(size));
             BlockRef ref = firstFit(p, needed);
             if (ref == kNoBlock && newSegment(p)) ref = firstFit(p, needed);
-            if (ref != kNoBlock) result = KfwCarve(blockOf(p, ref), needed);
+            if (ref != kNoBlock) result = KfwCarve(p, blockOf(p, ref), needed);
         }
     }
     return result;
 }
 
-static void* KfwBlock0Alloc(size_t size) {
-    void* result = KfwBlockAlloc(size);
+static void* KfwBlock0Alloc(Pool& p, size_t size) {
+    void* result = KfwBlockAlloc(p, size);
     if (result) memset(result, 0, size);
     return result;
 }
 
 // Makes busy block b (of the segment starting at region) free, merging it with free
 // neighbours; returns the segment to the system once it is empty again.
-static BlockState KfwSegBlockFree(CBlkHead* b, const Region& region) {
-    Pool& p = pool();
+static BlockState KfwSegBlockFree(Pool& p, CBlkHead* b, const Region& region) {
     Segment* seg = reinterpret_cast<Segment*>(region.begin);
     if (!KFW_ASSERT(busyBlockFits(b, seg), b)) return BlockState::Broken;
     int32_t size = -b->bSize;
@@ -418,26 +424,24 @@ static BlockState KfwSegBlockFree(CBlkHead* b, const Region& region) {
     return BlockState::Ok;
 }
 
-static BlockState KfwBlockFree(void* pointer) {
-    Pool& p = pool();
+static BlockState KfwBlockFree(Pool& p, void* pointer) {
     const Region* region = nullptr;
     CBlkHead* b = pointer ? findBlock(p, pointer, &region) : nullptr;
     BlockState state = pointer ? BlockState::Unknown : BlockState::NullPointer;
     if (b && b->magic == KF_MAGIC_FREE) {
         state = BlockState::FreeBlock;
     } else if (b && b->magic == KF_MAGIC_BUSY && region->direct) {
-        KfwDirFree(b);
+        KfwDirFree(p, b);
         state = BlockState::Ok;
     } else if (b && b->magic == KF_MAGIC_BUSY) {
-        state = KfwSegBlockFree(b, *region);
+        state = KfwSegBlockFree(p, b, *region);
     }
     return state;
 }
 
 // Grows busy block b in place by taking in the free block after it; false when that
 // block is missing or too small.
-static bool KfwGrowInPlace(CBlkHead* b, Segment* seg, int32_t needed) {
-    Pool& p = pool();
+static bool KfwGrowInPlace(Pool& p, CBlkHead* b, Segment* seg, int32_t needed) {
     int32_t size = -b->bSize;
     CBlkHead* next = following(b, size);
     bool grown = freeBlockFits(next, seg) && size + next->bSize >= needed;
@@ -461,8 +465,7 @@ static bool KfwGrowInPlace(CBlkHead* b, Segment* seg, int32_t needed) {
     return grown;
 }
 
-static BlockState KfwBlockRealloc(void* pointer, size_t size, void** result) {
-    Pool& p = pool();
+static BlockState KfwBlockRealloc(Pool& p, void* pointer, size_t size, void** result) {
     const Region* region = nullptr;
     CBlkHead* b = findBlock(p, pointer, &region);
     BlockState state = BlockState::Unknown;
@@ -474,14 +477,14 @@ static BlockState KfwBlockRealloc(void* pointer, size_t size, void** result) {
                                            : static_cast<size_t>(-b->bSize - kHead);
         bool small = size <= static_cast<size_t>(KF_SEG_SIZE);
         if (oldPayload >= size || (!region->direct && small &&
-                                   KfwGrowInPlace(b, reinterpret_cast<Segment*>(region->begin),
+                                   KfwGrowInPlace(p, b, reinterpret_cast<Segment*>(region->begin),
                                                   static_cast<int32_t>(neededSize(size))))) {
             *result = pointer;
         } else {
-            *result = KfwBlockAlloc(size);
+            *result = KfwBlockAlloc(p, size);
             if (*result) {
                 memcpy(*result, pointer, oldPayload);
-                KfwBlockFree(pointer);
+                KfwBlockFree(p, pointer);
             }
         }
         state = *result ? BlockState::Ok : BlockState::NoMemory;
@@ -504,8 +507,9 @@ void* kfMalloc(size_t size, const char* file, int line) {
         report(file, line, "Wrong Alloc call: Size %ld File %s Line %d\n", static_cast<long>(size), fileText(file), line);
     } else {
         {
-            MutexLock lock(pool().mutex);
-            result = KfwBlockAlloc(size);
+            Pool& p = pool();
+            MutexLock lock(p.mutex);
+            result = KfwBlockAlloc(p, size);
         }
         if (!result) {
             report(file, line, "Alloc failed: Size %ld File %s Line %d\n", static_cast<long>(size), fileText(file), line);
@@ -524,8 +528,9 @@ void* kfCalloc(size_t count, size_t size, const char* file, int line) {
                static_cast<long>(count), fileText(file), line);
     } else {
         {
-            MutexLock lock(pool().mutex);
-            result = KfwBlock0Alloc(count * size);
+            Pool& p = pool();
+            MutexLock lock(p.mutex);
+            result = KfwBlock0Alloc(p, count * size);
         }
         if (!result) {
             report(file, line, "Calloc failed: Size %ld File %s Line %d\n", static_cast<long>(size), fileText(file),
@@ -575,8 +580,9 @@ void* kfRealloc(void* pointer, size_t size, const char* file, int line) {
     } else {
         BlockState state;
         {
-            MutexLock lock(pool().mutex);
-            state = KfwBlockRealloc(pointer, size, &result);
+            Pool& p = pool();
+            MutexLock lock(p.mutex);
+            state = KfwBlockRealloc(p, pointer, size, &result);
         }
         reportRealloc(state, pointer, result, size, file, line);
     }
@@ -586,8 +592,9 @@ void* kfRealloc(void* pointer, size_t size, const char* file, int line) {
 void kfFree(void* pointer, const char* file, int line) {
     BlockState state;
     {
-        MutexLock lock(pool().mutex);
-        state = KfwBlockFree(pointer);
+        Pool& p = pool();
+        MutexLock lock(p.mutex);
+        state = KfwBlockFree(p, pointer);
     }
     const char* name = fileText(file);
     switch (state) {
@@ -647,8 +654,7 @@ bool linksAreGood(Pool& p, Segment* seg, CBlkHead* b) {
 
 // Dumps the blocks of one segment; stops at the first header it cannot trust, since
 // the size that leads to the next one is then unknown.
-static int32_t KfwSegDump(Segment* seg) {
-    Pool& p = pool();
+static int32_t KfwSegDump(Pool& p, Segment* seg) {
     int32_t rc = RC_OK;
     dumpLine("\tSegment at %p\n", static_cast<void*>(seg));
     CBlkHead* end = sentinelOf(seg);
@@ -673,15 +679,15 @@ static int32_t KfwSegDump(Segment* seg) {
 }
 
 int32_t KfwPoolCheck() {
-    MutexLock lock(pool().mutex);
     Pool& p = pool();
+    MutexLock lock(p.mutex);
     int32_t rc = RC_OK;
     dumpLine("KFWEM(v) Pool validation started\n");
     dumpLine("****    Memory Dump    ****\n");
     dumpLine("\t\t---- Segments dump ----\n");
     Segment* seg = p.segments;
     for (long i = 0; seg && i < p.stats.segments; ++i, seg = seg->next) {
-        int32_t segRc = KfwSegDump(seg);
+        int32_t segRc = KfwSegDump(p, seg);
         if (segRc != RC_OK) rc = segRc;
     }
     dumpLine("\t\t---- Direct allocated blocks dump ----\n");

@@ -216,7 +216,8 @@ TEST(WaitForExternalProgramTest, ExitCodesAndSignals) {
 }
 
 TEST(WaitForExternalProgramTest, HangingChildIsKilledAfterTimeout) {
-    const char* argv[] = {"/bin/sleep", "30", nullptr};
+    // exec: the kill reaches the sleeper itself, not a shell that would leave it behind.
+    const char* argv[] = {"exec /bin/sleep 30;", nullptr};
     SpawnInfo info;
     ASSERT_EQ(RC_OK, SpawnExternalProgram(argv, &info, false, false, false, nullptr));
     auto start = std::chrono::steady_clock::now();
