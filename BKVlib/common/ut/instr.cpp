@@ -69,7 +69,7 @@ constexpr size_t kCommentGrowth = 100;
 struct ThreadRecord {
     int tid = 0;
     MutexHandle mutex = nullptr;
-    uint16_t classes = 0;  // guarded by the instrumentation mutex
+    uint16_t classes = 0;  // written by the owning thread only, read under both locks
     InstrCategory stack[INSTR_STACK_DEPTH] = {};
     int32_t depth = 0;
     double seconds[INSTR_CATEGORY_COUNT] = {};
@@ -179,7 +179,7 @@ ThreadRecord* currentRecord() {
     ThreadRecord* record = tlsSlot.generation == obj.generation ? tlsSlot.record : nullptr;
     if (!record) {
         MutexLock lock(obj.mutex);
-        record = registerLocked(obj, 0);
+        record = registerLocked(obj, obj.active);
     }
     return record;
 }
@@ -339,6 +339,7 @@ void instrBegin(InstrCategory category) {
             traceEvent(r->tid, "Begin", kCategoryNames[category], kCategoryNames[r->stack[r->depth - 1]]);
             r->stack[r->depth++] = category;
             ++r->uses[category];
+            r->classes |= instrObj().categoryClass[category];
             r->activity = true;
         }
     }
@@ -375,6 +376,7 @@ void instrReplace(InstrCategory category) {
         traceEvent(r->tid, "Replace", kCategoryNames[category], kCategoryNames[top]);
         top = category;
         ++r->uses[category];
+        r->classes |= instrObj().categoryClass[category];
         r->activity = true;
     }
 }

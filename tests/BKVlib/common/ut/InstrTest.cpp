@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -218,6 +219,28 @@ TEST_F(InstrTest, EachThreadReportedOnItsOwn) {
     char idle[96];
     snprintf(idle, sizeof(idle), "No instrumented activity reported for thread %d\n", tid());
     EXPECT_NE(std::string::npos, reportText().find(idle));  // the starting thread did nothing
+}
+
+TEST_F(InstrTest, ReportWrittenWhileThreadStillCounts) {
+    instrStart(INSTR_CLIENT_DETAIL);
+    std::atomic<bool> stop{false};
+    std::atomic<int> worker{0};
+    std::thread busy([&] {
+        worker = tid();
+        while (!stop) {
+            instrBegin(INSTR_COMPUTE);
+            instrEnd(INSTR_COMPUTE);
+        }
+    });
+    while (worker == 0) sleepMs(1);
+    sleepMs(20);
+    instrStop(INSTR_CLIENT_DETAIL);  // the worker keeps going; its events are ignored now
+    stop = true;
+    busy.join();
+    auto reports = parseReport(reportText());
+    ASSERT_EQ(1u, reports[worker].sections.count("Compute"));
+    EXPECT_LT(0u, reports[worker].sections.at("Compute").uses);
+    EXPECT_EQ("Success", reports[worker].status);
 }
 
 TEST_F(InstrTest, ThreadWithoutClassIsNamed) {
