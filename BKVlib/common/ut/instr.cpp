@@ -22,6 +22,7 @@
 #include "BKVlib/common/thrd/pkthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "BKVlib/common/ut/trace.h"
+#include "BKVlib/common/unx/psthread.h"
 
 namespace {
 
@@ -241,6 +242,11 @@ std::string formatText(const char* format, ...) {
     return text;
 }
 
+// Every thread the thread layer starts is registered before its start function runs.
+void registerStartedThread(int32_t) {
+    instrRegisterThread();
+}
+
 }  // namespace
 
 const char* instrCategoryName(InstrCategory category) {
@@ -274,12 +280,14 @@ int32_t instrInit(const char* path, uint16_t classes, int32_t option) {
     obj.active = 0;
     obj.suspended = false;
     obj.detailed = (option & INSTR_OPT_DETAIL) != 0;
+    psSetThreadRegisterHook(registerStartedThread);
     TR_PRINTF(TR_INSTRUMENT, "instrInit EXIT\n");
     return rc;
 }
 
 void instrTerminate() {
     InstrObject& obj = instrObj();
+    psSetThreadRegisterHook(nullptr);
     MutexLock lock(obj.mutex);
     dropRecords(obj);
     obj.active = 0;

@@ -57,7 +57,8 @@ constexpr int32_t INSTR_STACK_DEPTH = 32;
 // Opens the report file beside path (its directory part) for appending and allows
 // the given classes. RC_OK, or RC_INSTR_OPEN_FAILED with library message 283 issued;
 // the engine then runs without writing reports. Drops every thread record, so no
-// instrumented thread may be running.
+// instrumented thread may be running. Installs instrRegisterThread as the thread
+// layer's registration hook.
 int32_t instrInit(const char* path, uint16_t classes, int32_t option);
 // Starts the allowed ones of instrClass and registers the calling thread.
 void instrStart(uint16_t instrClass);

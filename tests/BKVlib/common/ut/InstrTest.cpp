@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "gtest/gtest.h"
 
@@ -243,18 +244,21 @@ TEST_F(InstrTest, ReportWrittenWhileThreadStillCounts) {
     EXPECT_EQ("Success", reports[worker].status);
 }
 
-TEST_F(InstrTest, ThreadWithoutClassIsNamed) {
-    int loner = 0;
-    std::thread early([&] {
-        instrRegisterThread();  // before any class started
-        loner = tid();
-    });
-    early.join();
+void* recordTid(void* arg) {
+    static_cast<std::atomic<int>*>(arg)->store(tid());
+    return nullptr;
+}
+
+TEST_F(InstrTest, ThreadStartedBeforeAnyClassIsNamed) {
+    std::atomic<int> loner{0};
+    pthread_t handle;
+    PsThreadStartRec start = {&handle, nullptr, recordTid, &loner, 0, 0};
+    ASSERT_EQ(0, psThreadStart(&start, "loner"));  // registered by the thread layer
+    while (loner == 0) sleepMs(1);
     instrStart(INSTR_CLIENT_DETAIL);
     instrStop(INSTR_CLIENT_DETAIL);
-    char text[96];
-    snprintf(text, sizeof(text), "No instrumented class associated with thread %d\n", loner);
-    EXPECT_NE(std::string::npos, reportText().find(text));
+    std::string text = "No instrumented class associated with thread " + std::to_string(loner) + "\n";
+    EXPECT_NE(std::string::npos, reportText().find(text)) << reportText();
 }
 
 TEST_F(InstrTest, UnopenableReportFileStillRunsQuietly) {
