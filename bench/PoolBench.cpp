@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "BKVlib/common/mem/kfwem.h"
+#include "BKVlib/common/unx/psthread.h"
 
 namespace {
 
@@ -32,6 +33,15 @@ void BM_AllocFreePair(benchmark::State& state) {
         Calls::release(p);
     }
     Calls::release(resident);
+}
+
+// The pair in a process declared single-threaded, where the pool takes no lock
+// (the path planner's own case).
+template <typename Calls>
+void BM_AllocFreePairSingleThreaded(benchmark::State& state) {
+    psSetMultiThreaded(0);
+    BM_AllocFreePair<Calls>(state);
+    psSetMultiThreaded(1);
 }
 
 // The same with nothing else allocated: the pool hands its segment back every time.
@@ -64,6 +74,8 @@ void BM_Batch(benchmark::State& state) {
 
 BENCHMARK_TEMPLATE(BM_AllocFreePair, PoolCalls)->Arg(16)->Arg(64)->Arg(256);
 BENCHMARK_TEMPLATE(BM_AllocFreePair, SystemCalls)->Arg(16)->Arg(64)->Arg(256);
+BENCHMARK_TEMPLATE(BM_AllocFreePairSingleThreaded, PoolCalls)->Arg(64);
+BENCHMARK_TEMPLATE(BM_AllocFreePairSingleThreaded, SystemCalls)->Arg(64);
 BENCHMARK_TEMPLATE(BM_AllocFreeEmpty, PoolCalls)->Arg(64);
 BENCHMARK_TEMPLATE(BM_AllocFreeEmpty, SystemCalls)->Arg(64);
 BENCHMARK_TEMPLATE(BM_Batch, PoolCalls);

@@ -113,17 +113,6 @@ TEST_F(KfwemTest, RemainderBelowSeventeenIsHandedOutWithTheBlock) {
     }
 }
 
-TEST_F(KfwemTest, LargeRequestBecomesDirectBlock) {
-    void* p = KF_MALLOC(KF_SEG_SIZE + 1);
-    ASSERT_NE(nullptr, p);
-    EXPECT_EQ(0, head(p)->bSize);
-    EXPECT_EQ(1, stats().directBlocks);
-    EXPECT_EQ(0, stats().segments);
-    memset(p, 1, KF_SEG_SIZE + 1);
-    KF_FREE(p);
-    EXPECT_LE(1, stats().maxDirectBlocks);
-}
-
 TEST_F(KfwemTest, FreeingLastBlockReturnsSegmentInAnyOrder) {
     const std::vector<std::vector<int>> orders = {{0, 1, 2}, {2, 1, 0}, {1, 0, 2}, {1, 2, 0}, {0, 2, 1}};
     for (const auto& order : orders) {
