@@ -8,6 +8,10 @@
 
 class CmdArgs;
 
+// The job file of a job: dir + "/" + jobName + "_" + jobRun + "_" + sidRun + ".jobinfo".
+std::string buildJobFileName(const std::string& dir, const std::string& jobName, int32_t jobRun,
+                             int32_t sidRun);
+
 // Creates the job file in dir (the name comes from the record's job name and run
 // numbers, or random run numbers when they are missing); returns its path, or empty
 // when no file could be made. An existing file is left untouched.
