@@ -12,6 +12,7 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
+#include "Common/CmdArgs.h"
 #include "Common/LogManager.h"
 #include "Common/unix/pssignal.h"
 #include "PathPlanner/PPlannerDriver.h"
@@ -116,9 +117,6 @@ TEST_F(ExecPathPlannerTest, ValidateArgsStoresAcceptedRequests) {
         {{"  3", "dev1"}, 3, {"dev1"}, {}, "Multipath Policy Change Action\n"},
         {{"3abc", "dev1"}, 3, {"dev1"}, {}, "Multipath Policy Change Action\n"},
         {{"+2", "dev1"}, 2, {"dev1"}, {}, "Multipath Policy Change Action\n"},
-        // A trailing ";" leaves an empty last token, kept as a name.
-        {{"3", "dev1", ""}, 3, {"dev1", ""}, {}, "Multipath Policy Change Action\n"},
-        {{"0", "dev1", "w1", ""}, 0, {"dev1"}, {"w1", ""}, "Multipath State Change Action\n"},
     };
     for (const AcceptedRequest& c : cases) {
         const std::string input = ::testing::PrintToString(c.tokens);
@@ -132,6 +130,36 @@ TEST_F(ExecPathPlannerTest, ValidateArgsStoresAcceptedRequests) {
         const std::string trace = traceText();
         EXPECT_THAT(trace, HasSubstr(c.actionTrace)) << input;
         EXPECT_THAT(trace, HasSubstr("Exit: validateArgs() rc: 0\n")) << input;
+    }
+}
+
+// The request as the command line delivers it: cut at ";", quotes removed per token.
+TEST_F(ExecPathPlannerTest, ValidateArgsReadsRequestValuesAsDelivered) {
+    const struct {
+        const char* value;
+        int32_t rc;
+        std::vector<std::string> devices;
+        std::vector<std::string> wwpns;
+    } cases[] = {
+        {"\"3\";\"dev1\"", RC_OK, {"dev1"}, {}},
+        {"\"2;dev1;\"dev 2\"", RC_OK, {"dev1", "dev 2"}, {}},
+        {"4\";dev1", RC_OK, {"dev1"}, {}},
+        // A trailing ";" leaves an empty last token, kept as a name.
+        {"3;", RC_OK, {""}, {}},
+        {"0;dev1;", RC_OK, {"dev1"}, {""}},
+        {"0;dev1;w1;", RC_OK, {"dev1"}, {"w1", ""}},
+        {"\"abc\";dev1", RC_BAD_ARGS, {}, {}},
+        {"", RC_BAD_ARGS, {}, {}},
+        {";3;dev1", RC_BAD_ARGS, {}, {}},
+    };
+    for (const auto& c : cases) {
+        multipathDevices.clear();
+        multipathWwpns.clear();
+        CmdArgs args(0, nullptr, kParseModePathPlanner);
+        ASSERT_EQ(RC_OK, splitMultipathValue(c.value, &args)) << c.value;
+        EXPECT_EQ(c.rc, validateArgs(args.multipathOptions)) << c.value;
+        EXPECT_THAT(multipathDevices, ElementsAreArray(c.devices)) << c.value;
+        EXPECT_THAT(multipathWwpns, ElementsAreArray(c.wwpns)) << c.value;
     }
 }
 
