@@ -1,10 +1,10 @@
 #include "Common/AgentTrace.h"
 
-#include <pthread.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 
+#include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 
 unsigned char naTraceMin;
@@ -37,24 +37,47 @@ const char* naCutInPlace(std::string& text) {
     return text.empty() ? "<NULL>" : text.c_str();
 }
 
-int32_t initTrace(const std::string& traceFile, const std::string& traceFlags, int32_t maxSizeKB) {
+void naThreadTag(char* banner, size_t bannerSize, char* tag, size_t tagSize) {
+    trFormatThreadTag(static_cast<unsigned long>(psThreadNumber()), banner, bannerSize, tag, tagSize);
+}
+
+int32_t naTraceSizeMB(int32_t maxSizeKB) {
     int32_t sizeMB = maxSizeKB / 1024;
-    if (sizeMB < 1) sizeMB = 1;
-    if (trInit(9, static_cast<unsigned long>(pthread_self()), nullptr) != RC_OK) return RC_TRACE_FAILED;
-    if (traceFile.empty()) return RC_OK;
-    trSetMaxMB(static_cast<uint32_t>(sizeMB));
+    return sizeMB < 1 ? 1 : sizeMB;
+}
+
+namespace {
+
+// The directory part of the trace file name; "" when the name has none.
+int32_t makeTraceDirectory(const std::string& traceFile) {
     std::string::size_type slash = traceFile.rfind('/');
+    int32_t rc = RC_OK;
     if (slash != std::string::npos && slash > 0) {
-        if (mkdir(traceFile.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) return RC_TRACE_FAILED;
+        if (mkdir(traceFile.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) rc = RC_TRACE_FAILED;
     }
-    trSetLibFlags("PID", 0);
-    trSetLibFlags("TID", 0);
-    trSetFlags(traceFlags.c_str(), 0, naTraceClasses, naTraceAggregates);
-    if (trBegin(traceFile.c_str(), 1) != RC_OK) {
-        trTerminate();
-        return RC_TRACE_BEGIN_FAILED;
+    return rc;
+}
+
+}  // namespace
+
+int32_t initTrace(const std::string& traceFile, const std::string& traceFlags, int32_t maxSizeKB) {
+    int32_t sizeMB = naTraceSizeMB(maxSizeKB);
+    int32_t rc = RC_OK;
+    if (trInit(9, static_cast<unsigned long>(psThreadNumber()), naThreadTag) != RC_OK) rc = RC_TRACE_FAILED;
+    if (rc == RC_OK && !traceFile.empty()) {
+        trSetMaxMB(static_cast<uint32_t>(sizeMB));
+        rc = makeTraceDirectory(traceFile);
+        if (rc == RC_OK) {
+            trSetLibFlags("PID", 0);
+            trSetLibFlags("TID", 0);
+            trSetFlags(traceFlags.c_str(), 0, naTraceClasses, naTraceAggregates);
+            if (trBegin(traceFile.c_str(), 1) != RC_OK) {
+                trTerminate();
+                rc = RC_TRACE_BEGIN_FAILED;
+            }
+        }
     }
-    return RC_OK;
+    return rc;
 }
 
 void endTrace() {

@@ -1,5 +1,3 @@
-// Minimal activity log; the library's log-file record (wrap settings, date and
-// time formats) takes over behind these same calls.
 #include "Common/LogManager.h"
 
 #include <sys/time.h>
@@ -10,12 +8,30 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
 
+namespace {
+
+// The activity log's policy, in the order of the settings operation: it never wraps,
+// has no save file, is never pruned (the command line purges whole numbered files
+// instead), drops what a pruner would cut ('D', 68), uses text modes and is not quiet.
+constexpr uint32_t kWrapBytes = 0;
+constexpr const char* kSaveName = nullptr;
+constexpr uint32_t kRetentionDays = kLogKeepForever;
+constexpr char kPruneMode = kLogPruneDiscard;
+constexpr int32_t kBinaryModes = 0;
+constexpr int32_t kQuiet = 0;
+
+// Blank, full stop, three digits of milliseconds and blank around date and time.
+constexpr size_t kStampExtra = 6;
+
+}  // namespace
+
 LogManager::LogManager(const std::string& logName) : m_LogName(logName) {
     pkCreateMutex(&mutex_);
 }
 
 LogManager::~LogManager() {
     pkDestroyMutex(&mutex_);
+    utCloseLog(&control_);
 }
 
 int32_t LogManager::LogActivityLog(const char* msgBuf) {
@@ -24,25 +40,45 @@ int32_t LogManager::LogActivityLog(const char* msgBuf) {
         NA_TRACE_EXIT("Exit %s, m_LogName not defined.\n", "LogActivityLog()");
         return RC_LOG_NO_NAME;
     }
-    MutexLock lock(mutex_);
-    FILE* fp = fopen(m_LogName.c_str(), "ae");
-    if (!fp) {
-        NA_TRACE_EXIT("Exit: %s, could not open %s.\n", "LogActivityLog()", m_LogName.c_str());
-        return RC_LOG_OPEN_FAILED;
+    int32_t rc = RC_OK;
+    {
+        MutexLock lock(mutex_);
+        utSetLogSettings(&control_, kWrapBytes, kSaveName, kRetentionDays, kPruneMode, kBinaryModes, kQuiet);
+        if (utWrapFile(&control_, m_LogName.c_str(), control_.quiet) != 0) {
+            NA_TRACE_EXIT("Exit: %s, could not open %s.\n", "LogActivityLog()", m_LogName.c_str());
+            rc = RC_LOG_OPEN_FAILED;
+        } else {
+            // A lost line must not stop the tool: the write and close results stay unused.
+            writeEntry(msgBuf);
+            CloseLogFile(control_.stream);
+            control_.stream = nullptr;
+            control_.wrapping = 0;
+        }
     }
+    if (rc == RC_OK) NA_TRACE_EXIT("Exit %s\n", "LogActivityLog()");
+    return rc;
+}
+
+int32_t LogManager::writeEntry(const char* msgBuf) {
+    if (!control_.stream) return RC_LOG_WRITE_FAILED;
+    const char* message = msgBuf ? msgBuf : "";
     struct timeval now;
     gettimeofday(&now, nullptr);
     struct tm local;
     localtime_r(&now.tv_sec, &local);
-    char date[32], tod[32];
-    strftime(date, sizeof(date), "%Y-%m-%d", &local);
-    strftime(tod, sizeof(tod), "%H:%M:%S", &local);
-    fprintf(fp, "%s %s.%03lu %s", date, tod, static_cast<unsigned long>(now.tv_usec / 1000), msgBuf);
-    size_t len = strlen(msgBuf);
-    if (len == 0 || msgBuf[len - 1] != '\n') fputc('\n', fp);
-    CloseLogFile(fp);
-    NA_TRACE_EXIT("Exit %s\n", "LogActivityLog()");
-    return RC_OK;
+    char date[64];
+    char tod[64];
+    utFormatDate(&local, date, sizeof(date));
+    utFormatTime(&local, tod, sizeof(tod));
+    size_t msgLen = strlen(message);
+    std::string entry;
+    entry.reserve(strlen(date) + strlen(tod) + msgLen + kStampExtra + 1);
+    char stamp[160];
+    snprintf(stamp, sizeof(stamp), "%s %s.%03lu ", date, tod, static_cast<unsigned long>(now.tv_usec / 1000));
+    entry.append(stamp).append(message, msgLen);
+    if (msgLen == 0 || message[msgLen - 1] != '\n') entry += '\n';
+    // One write for the whole line, so writers in other processes cannot split it.
+    return utLogWrite(&control_, entry.data(), entry.size()) == 0 ? RC_OK : RC_LOG_WRITE_FAILED;
 }
 
 void LogManager::setLogName(const std::string& newName) {
@@ -53,9 +89,9 @@ void LogManager::setLogName(const std::string& newName) {
 
 int32_t LogManager::CloseLogFile(FILE* fp) {
     if (!fp) return RC_OK;
-    int flushRc = fflush(fp);
-    int closeRc = fclose(fp);
-    return (flushRc == 0 && closeRc == 0) ? RC_OK : RC_LOG_CLOSE_FAILED;
+    bool flushed = fflush(fp) == 0;
+    bool closed = fclose(fp) == 0;
+    return flushed && closed ? RC_OK : RC_LOG_CLOSE_FAILED;
 }
 
 void LogManager::getTimeStamp(char* buf, size_t size) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "BKVlib/common/thrd/pkthread.h"
+#include "BKVlib/common/ut/logutils.h"
 
 class LogManager {
 public:
@@ -18,7 +19,9 @@ public:
     LogManager(const LogManager&) = delete;
     LogManager& operator=(const LogManager&) = delete;
 
-    // Appends one line: RC_OK, RC_LOG_NO_NAME (no name) or RC_LOG_OPEN_FAILED.
+    // Appends "<date> <time>.<ms> <msgBuf>" and a newline unless msgBuf ends in one:
+    // RC_OK (also when the write itself failed), RC_LOG_NO_NAME (no name) or
+    // RC_LOG_OPEN_FAILED. A null msgBuf is an empty message. Takes the mutex.
     int32_t LogActivityLog(const char* msgBuf);
     // Later lines go to newName; nothing is copied or closed. Takes the mutex.
     void setLogName(const std::string& newName);
@@ -30,8 +33,12 @@ public:
     const std::string& logName() const { return m_LogName; }
 
 private:
+    // Writes the entry to the open control block: RC_OK or RC_LOG_WRITE_FAILED.
+    int32_t writeEntry(const char* msgBuf);
+
     std::string m_LogName;
-    MutexHandle mutex_ = nullptr;  // guards m_LogName and every write
+    LogFile control_;              // open only while one line is written
+    MutexHandle mutex_ = nullptr;  // guards m_LogName, control_ and every write
 };
 
 #endif

@@ -1,324 +1,628 @@
-// Minimal trace facility: plain files and flag lists. Wrapping, segments and the
-// console destination are completed behind these same calls.
+// Set-up side of the trace facility: the state record, flag lists, size limits,
+// destinations, the end of tracing and the reports.
 #include "BKVlib/common/ut/trace.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
-unsigned char trFlags[TR_LIB_NAMED_COUNT + 8];
+#include "BKVlib/common/nls/amsglog.h"
+#include "BKVlib/common/ut/ReturnCodes.h"
+#include "BKVlib/common/ut/trstate.h"
+
+TraceState trState;
 
 namespace {
 
-const TraceClass kLibClasses[] = {
-    {"ERROR", &trFlags[TR_ERROR], 0},
-    {"ADMIN", &trFlags[TR_ADMIN], 0},
-    {"CLIENTTYPE", &trFlags[TR_CLIENTTYPE], 0},
-    {"COMM", &trFlags[TR_COMM], 1},
-    {"COMMDETAIL", &trFlags[TR_COMMDETAIL], 1},
-    {"COMMFULL", &trFlags[TR_COMMFULL], 1},
-    {"CONFIG", &trFlags[TR_CONFIG], 0},
-    {"DEBUG", &trFlags[TR_DEBUG], 0},
-    {"DIROPS", &trFlags[TR_DIROPS], 0},
-    {"FDB", &trFlags[TR_FDB], 0},
-    {"EXCLUDECACHE", &trFlags[TR_EXCLUDECACHE], 0},
-    {"FILEOPS", &trFlags[TR_FILEOPS], 0},
-    {"GENERAL", &trFlags[TR_GENERAL], 0},
-    {"FILELINK", &trFlags[TR_FILELINK], 0},
-    {"INCR", &trFlags[TR_INCR], 0},
-    {"MEMORY", &trFlags[TR_MEMORY], 0},
-    {"PROXY", &trFlags[TR_PROXY], 0},
-    {"PROXY_DETAIL", &trFlags[TR_PROXY_DETAIL], 0},
-    {"SESSION", &trFlags[TR_SESSION], 0},
-    {"TXN", &trFlags[TR_TXN], 0},
-    {"NLS", &trFlags[TR_NLS], 0},
-    {"COMPRESS", &trFlags[TR_COMPRESS], 0},
-    {"COMPRESS_DETAIL", &trFlags[TR_COMPRESS_DETAIL], 0},
-    {"FS", &trFlags[TR_FS], 0},
-    {"ENTER", &trFlags[TR_ENTER], 0},
-    {"MESSAGES", &trFlags[TR_MESSAGES], 0},
-    {"TRUSTED", &trFlags[TR_TRUSTED], 0},
-    {"MEMDETAIL", &trFlags[TR_MEMDETAIL], 0},
-    {"AUDIT", &trFlags[TR_AUDIT], 0},
-    {"AUDIT_LIST", &trFlags[TR_AUDIT_LIST], 0},
-    {"SMSDEBUG", &trFlags[TR_SMSDEBUG], 0},
-    {"SMS_DETAIL", &trFlags[TR_SMS_DETAIL], 0},
-    {"POLICY", &trFlags[TR_POLICY], 0},
-    {"API", &trFlags[TR_API], 0},
-    {"VERBADMIN", &trFlags[TR_VERBADMIN], 0},
-    {"VERBINFO", &trFlags[TR_VERBINFO], 0},
-    {"TIMESTAMP", &trFlags[TR_TIMESTAMP], 0},
-    {"PREFIX", &trFlags[TR_PREFIX], 0},
-    {"SESSVERB", &trFlags[TR_SESSVERB], 0},
-    {"FIOATTRIBS", &trFlags[TR_FIOATTRIBS], 0},
-    {"EXIT", &trFlags[TR_EXIT], 0},
-    {"SM", &trFlags[TR_SM], 0},
-    {"SMVERBOSE", &trFlags[TR_SMVERBOSE], 0},
-    {"NTREGISTRY", &trFlags[TR_NTREGISTRY], 0},
-    {"DIRDETAIL", &trFlags[TR_DIRDETAIL], 0},
-    {"PID", &trFlags[TR_PID], 0},
-    {"FSPS", &trFlags[TR_FSPS], 0},
-    {"TEST", &trFlags[TR_TEST], 0},
-    {"STATS", &trFlags[TR_STATS], 0},
-    {"CONFIRM", &trFlags[TR_CONFIRM], 0},
-    {"EVENT", &trFlags[TR_EVENT], 0},
-    {"SMLOG", &trFlags[TR_SMLOG], 0},
-    {"DMI", &trFlags[TR_DMI], 0},
-    {"DOMAIN", &trFlags[TR_DOMAIN], 0},
-    {"THREAD", &trFlags[TR_THREAD], 0},
-    {"THREAD_STATUS", &trFlags[TR_THREAD_STATUS], 0},
-    {"95REGISTRY", &trFlags[TR_95REGISTRY], 0},
-    {"EVENTLOG", &trFlags[TR_EVENTLOG], 0},
-    {"TID", &trFlags[TR_TID], 0},
-    {"DFS", &trFlags[TR_DFS], 0},
-    {"API_DETAIL", &trFlags[TR_API_DETAIL], 0},
-    {"WIN2K", &trFlags[TR_WIN2K], 0},
-    {"VSS", &trFlags[TR_VSS], 0},
-    {"VSS_DETAIL", &trFlags[TR_VSS_DETAIL], 0},
-    {"OBJENUM", &trFlags[TR_OBJENUM], 0},
-    {"LOGREPLACEONREBOOT", &trFlags[TR_LOGREPLACEONREBOOT], 0},
-    {"IMAGE", &trFlags[TR_IMAGE], 0},
-    {"APPL", &trFlags[TR_APPL], 0},
-    {"PVR", &trFlags[TR_PVR], 0},
-    {"PVRBUF", &trFlags[TR_PVRBUF], 0},
-    {"PVRDEV", &trFlags[TR_PVRDEV], 0},
-    {"QUERY", &trFlags[TR_QUERY], 0},
-    {"PFM", &trFlags[TR_PFM], 0},
-    {"PFM_DETAIL", &trFlags[TR_PFM_DETAIL], 0},
-    {"DELTA", &trFlags[TR_DELTA], 1},
-    {"DELTASTAT", &trFlags[TR_DELTASTAT], 1},
-    {"ENCRYPT", &trFlags[TR_ENCRYPT], 0},
-    {"ENCRYPTDETAIL", &trFlags[TR_ENCRYPTDETAIL], 0},
-    {"ACL", &trFlags[TR_ACL], 0},
-    {"PSTAPE", &trFlags[TR_PSTAPE], 0},
-    {"RECOV", &trFlags[TR_RECOV], 0},
-    {"IMAGE_DETAIL", &trFlags[TR_IMAGE_DETAIL], 0},
-    {"IMAGETHREAD", &trFlags[TR_IMAGETHREAD], 0},
-    {"SDB", &trFlags[TR_SDB], 0},
-    {"VERBDETAIL", &trFlags[TR_VERBDETAIL], 0},
-    {"UNICODE", &trFlags[TR_UNICODE], 0},
-    {"CADSCHED", &trFlags[TR_CADSCHED], 0},
-    {"RESTORE", &trFlags[TR_RESTORE], 0},
-    {"PASSWORD", &trFlags[TR_PASSWORD], 0},
-    {"SYSTEMOBJECT", &trFlags[TR_SYSTEMOBJECT], 0},
-    {"JBBSERVICE", &trFlags[TR_JBBSERVICE], 0},
-    {"JBBDAEMON", &trFlags[TR_JBBDAEMON], 0},
-    {"JBBCOMM", &trFlags[TR_JBBCOMM], 0},
-    {"JBBFIFO", &trFlags[TR_JBBFIFO], 0},
-    {"JBBFILEMON", &trFlags[TR_JBBFILEMON], 0},
-    {"JBBFILEMONCSV", &trFlags[TR_JBBFILEMONCSV], 0},
-    {"JBBFSNOTIFY", &trFlags[TR_JBBFSNOTIFY], 0},
-    {"JBBDBACCESS", &trFlags[TR_JBBDBACCESS], 0},
-    {"JBBDBINSERTS", &trFlags[TR_JBBDBINSERTS], 0},
-    {"JBBDBDELETES", &trFlags[TR_JBBDBDELETES], 0},
-    {"JBBQUERY", &trFlags[TR_JBBQUERY], 0},
-    {"JBBNPCOMM", &trFlags[TR_JBBNPCOMM], 0},
-    {"JBBVERBINFO", &trFlags[TR_JBBVERBINFO], 0},
-    {"JBBDBINFO", &trFlags[TR_JBBDBINFO], 0},
-    {"JOURNAL", &trFlags[TR_JOURNAL], 0},
-    {"NAS", &trFlags[TR_NAS], 0},
-    {"NAS_DETAIL", &trFlags[TR_NAS_DETAIL], 0},
-    {"MAC_DETAIL", &trFlags[TR_MAC_DETAIL], 0},
-    {"DISKMAP", &trFlags[TR_DISKMAP], 0},
-    {"DISKMAP_DETAIL", &trFlags[TR_DISKMAP_DETAIL], 0},
-    {"INCLEXCL", &trFlags[TR_INCLEXCL], 0},
-    {"INCLEXCL_DETAIL", &trFlags[TR_INCLEXCL_DETAIL], 0},
-    {"INSTRUMENT", &trFlags[TR_INSTRUMENT], 0},
-    {"EXTRC", &trFlags[TR_EXTRC], 0},
-    {"EXTRC_DETAIL", &trFlags[TR_EXTRC_DETAIL], 0},
-    {"COMGUI", &trFlags[TR_COMGUI], 0},
-    {"SNAPSHOT", &trFlags[TR_SNAPSHOT], 0},
-    {"SNAPSHOT_DETAIL", &trFlags[TR_SNAPSHOT_DETAIL], 0},
-    {"SNAPSHOT_DRIVER", &trFlags[TR_SNAPSHOT_DRIVER], 0},
-    {"SNAPSHOT_DRIVER_DETAIL", &trFlags[TR_SNAPSHOT_DRIVER_DETAIL], 0},
-    {"MEMLEAK", &trFlags[TR_MEMLEAK], 0},
-    {"GROUPS", &trFlags[TR_GROUPS], 0},
-    {"SCHED", &trFlags[TR_SCHED], 0},
-    {"CLUSTER", &trFlags[TR_CLUSTER], 0},
-    {"NODEACCESS", &trFlags[TR_NODEACCESS], 0},
-    {"NAMEDPIPES", &trFlags[TR_NAMEDPIPES], 0},
-    {"FIFO", &trFlags[TR_FIFO], 0},
-    {"DOM", &trFlags[TR_DOM], 0},
-    {"DOM_DETAIL", &trFlags[TR_DOM_DETAIL], 0},
-    {"HCI", &trFlags[TR_HCI], 0},
-    {"HCI_DETAIL", &trFlags[TR_HCI_DETAIL], 0},
-    {"HDW", &trFlags[TR_HDW], 0},
-    {"HDW_DETAIL", &trFlags[TR_HDW_DETAIL], 0},
-    {"HWVM", &trFlags[TR_HWVM], 0},
-    {"UTIL", &trFlags[TR_UTIL], 0},
-    {"C2C", &trFlags[TR_C2C], 0},
-    {"SBRM", &trFlags[TR_SBRM], 0},
-    {"LSM", &trFlags[TR_LSM], 0},
-    {"XATTR", &trFlags[TR_XATTR], 0},
-    {"XATTR_DETAIL", &trFlags[TR_XATTR_DETAIL], 0},
-    {"RESTFILECOPY", &trFlags[TR_RESTFILECOPY], 0},
-    {"STATUSLOG", &trFlags[TR_STATUSLOG], 0},
-    {"CACHEDB", &trFlags[TR_CACHEDB], 0},
-    {"BACACHE", &trFlags[TR_BACACHE], 0},
-    {"DBPERF", &trFlags[TR_DBPERF], 0},
-    {"DBSTATS", &trFlags[TR_DBSTATS], 0},
-    {"BTREEDB", &trFlags[TR_BTREEDB], 0},
-    {"SMWIN", &trFlags[TR_SMWIN], 0},
-    {nullptr, nullptr, 0},
-};
+constexpr int kMaxAggregateDepth = 16;
+constexpr uint32_t kDefaultSegmentMB = 1000;
+constexpr const char kPlainHeader[] = "QLX Trace   ZOR Quillon 5.2.8.0  \nBuild Date: %s\nBEGINNING NEW TRACE\n\n";
+constexpr const char kWrapTag[] = "QLX Trace   ";
+constexpr const char kOffsetPlaceholder[] = "123456789012";
+constexpr const char kWrapHeaderRest[] = "%-10lu ZOR Quillon 5.2.8.0   Build date: %s\n";
+constexpr const char kBegunText[] = "BEGINNING NEW TRACE\n\n";
+constexpr long kOffsetFieldEnd = 24;
+constexpr size_t kFirstLineMax = 256;
 
-const TraceAggregate kLibAggregates[] = {
-    {nullptr, nullptr},
-};
+bool gStatusLogRunning = false;
+int32_t gStatusLogPrefix = 1;
+std::string gStatusLogPath;
 
-FILE* gStream = nullptr;
-bool gActive = false;
-bool gFirstFlags = true;
-
-void clearFlags() {
-    for (size_t i = 1; i < sizeof(trFlags); ++i) trFlags[i] = 0;
+void clearClassFlags() {
+    for (int i = 1; i < TR_LIB_CLASS_COUNT; ++i) trFlags[i] = 0;
 }
 
-int32_t applyList(const char* text, bool enable, int32_t quiet, const TraceClass* classes,
-                  const TraceAggregate* aggregates) {
+void createWrapMutexOnce() {
+    if (!trState.wrapMutex) pkCreateMutex(&trState.wrapMutex);
+}
+
+std::string upperWord(const std::string& word) {
+    std::string upper = word;
+    for (char& c : upper) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    return upper;
+}
+
+const TraceAggregate* findAggregate(const TraceAggregate* table, const std::string& word) {
+    for (const TraceAggregate* row = table; row && row->name; ++row) {
+        if (word == row->name) return row;
+    }
+    return nullptr;
+}
+
+const TraceClass* findClass(const TraceClass* table, const std::string& word) {
+    for (const TraceClass* row = table; row && row->name; ++row) {
+        if (word == row->name) return row;
+    }
+    return nullptr;
+}
+
+void setAll(const TraceClass* table, unsigned char value) {
+    for (const TraceClass* row = table; row && row->name; ++row) {
+        if (row->flag != &trFlags[TR_TIMESTAMP] && row->flag != &trFlags[TR_PREFIX]) *row->flag = value;
+    }
+}
+
+int32_t applyList(const char* text, bool enables, int32_t quiet, const TraceClass* classes,
+                  const TraceAggregate* aggregates, int depth);
+
+// One word of a flag list; false for an unknown word.
+bool applyWord(const std::string& given, bool enables, int32_t quiet, const TraceClass* classes,
+               const TraceAggregate* aggregates, int depth) {
+    std::string word = upperWord(given);
+    bool negated = !word.empty() && word[0] == '-';
+    if (negated) word.erase(0, 1);
+    unsigned char value = (enables && !negated) ? 1 : 0;
+    const TraceAggregate* aggregate = findAggregate(aggregates, word);
+    const TraceClass* row = findClass(classes, word);
+    bool known = true;
+    if (word == "ALL") {
+        setAll(classes, value);
+    } else if (aggregate && depth < kMaxAggregateDepth) {
+        // A negated aggregate switches every member off, even members it negates itself.
+        known = applyList(aggregate->members, enables && !negated, quiet, classes, aggregates, depth + 1) == 0;
+    } else if (row) {
+        *row->flag = value;
+    } else {
+        known = false;
+    }
+    return known;
+}
+
+int32_t applyList(const char* text, bool enables, int32_t quiet, const TraceClass* classes,
+                  const TraceAggregate* aggregates, int depth) {
     std::string list = text ? text : "";
-    size_t pos = 0;
-    while (true) {
-        pos = list.find_first_not_of(' ', pos);
-        if (pos == std::string::npos) break;
-        size_t end = list.find(' ', pos);
+    const char* blanks = " \t\r\n";
+    size_t pos = list.find_first_not_of(blanks);
+    int32_t rc = 0;
+    while (rc == 0 && pos != std::string::npos) {
+        size_t end = list.find_first_of(blanks, pos);
         std::string word = list.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-        pos = end;
-        for (char& c : word) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-        bool negated = word[0] == '-';
-        if (negated) word.erase(0, 1);
-        unsigned char value = (enable && !negated) ? 1 : 0;
-        bool found = false;
-        if (word == "ALL") {
-            for (const TraceClass* c = classes; c->name; ++c)
-                if (c->flag != &trFlags[TR_TIMESTAMP] && c->flag != &trFlags[TR_PREFIX]) *c->flag = value;
-            found = true;
+        if (!applyWord(word, enables, quiet, classes, aggregates, depth)) {
+            if (!quiet && depth == 0) printf("Invalid trace flag: %s\n", upperWord(word).c_str());
+            rc = -1;
         }
-        for (const TraceAggregate* a = aggregates; !found && a && a->name; ++a) {
-            if (word == a->name) {
-                applyList(a->members, enable && !negated, quiet, classes, aggregates);
-                found = true;
-            }
-        }
-        for (const TraceClass* c = classes; !found && c->name; ++c) {
-            if (word == c->name) {
-                *c->flag = value;
-                found = true;
-            }
-        }
-        if (!found) {
-            if (!quiet) printf("Invalid trace flag: %s\n", word.c_str());
-            return -1;
-        }
-        if (pos == std::string::npos) break;
+        pos = end == std::string::npos ? end : list.find_first_not_of(blanks, end);
+    }
+    return rc;
+}
+
+int32_t firstMarkedOn(const TraceClass* classes) {
+    for (const TraceClass* row = classes; row && row->name; ++row) {
+        if (row->mark == 1 && *row->flag) return 1;
     }
     return 0;
+}
+
+void computeSegments(uint32_t segMB) {
+    if (trState.maxMB != 0) {
+        if (segMB > trState.maxMB) segMB = trState.maxMB;
+        trState.segCount = static_cast<int32_t>((trState.maxMB - 1) / segMB + 1);
+        trState.lastSegMB = trState.maxMB % segMB == 0 ? segMB : trState.maxMB % segMB;
+    } else {
+        trState.segCount = -1;
+        trState.lastSegMB = segMB;
+    }
+    trState.segSizeMB = segMB;
+    trState.wrapping = 1;
+    trState.maxSet = 1;
+    createWrapMutexOnce();
+}
+
+// A name in one pair of single or double quotation marks is taken without them.
+std::string unquote(const char* name) {
+    std::string text = name;
+    size_t n = text.size();
+    if (n >= 2 && (text[0] == '"' || text[0] == '\'') && text[n - 1] == text[0]) text = text.substr(1, n - 2);
+    return text;
+}
+
+bool isStandardName(const std::string& name) {
+    return name == "STDOUT" || name == "STDERR" || name == "CONSOLE";
+}
+
+std::string fullPath(const std::string& name) {
+    if (!name.empty() && name[0] == '/') return name;
+    char cwd[4096];
+    std::string dir = getcwd(cwd, sizeof(cwd)) ? cwd : ".";
+    return dir + "/" + name;
+}
+
+std::string directoryOf(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
+// 0, or the library message number that says why the directory cannot be used,
+// with the error behind it in *error.
+uint16_t directoryProblem(const std::string& dir, int* error) {
+    struct stat info {};
+    uint16_t msgNum = 0;
+    if (stat(dir.c_str(), &info) != 0) {
+        msgNum = 238;
+    } else if (!S_ISDIR(info.st_mode)) {
+        msgNum = 239;
+        errno = ENOTDIR;
+    } else if (access(dir.c_str(), W_OK | X_OK) != 0) {
+        msgNum = 241;
+    }
+    *error = errno;
+    return msgNum;
+}
+
+int32_t openFailed(const std::string& name) {
+    if (trState.stdEcho) printf("Unable to open trace output file %s\n", name.c_str());
+    trEnd(1);
+    return RC_TRACE_OPEN_FAILED;
+}
+
+int32_t beginConsole() {
+    if (!trState.consoleSink) return 0;
+    if (trState.consoleSink(0, nullptr, trState.consoleContext) == 0) {
+        trState.consoleMode = 1;
+        trState.stdEcho = 0;
+        trState.active = 1;
+        trState.stream = stderr;
+        trRawPrintf("Tracing to stderr\n");
+    }
+    return 0;
+}
+
+int32_t beginStandard(bool toStdout) {
+    trState.wrapping = 0;
+    trState.stream = toStdout ? stdout : stderr;
+    trPrintf(__FILE__, __LINE__, toStdout ? "Tracing to stdout\n" : "Tracing to stderr\n");
+    return 0;
+}
+
+int32_t beginPlainFile() {
+    FILE* file = fopen(trState.fileName.c_str(), "ae");
+    if (!file) return openFailed(trState.fileName);
+    fprintf(file, kPlainHeader, PP_BUILD_DATE);
+    fflush(file);
+    trState.stream = file;
+    return 0;
+}
+
+// The first line of a wrapping file: "QLX Trace   <nextWrite> <maxMB> ...".
+struct WrapHeader {
+    bool parsed = false;
+    unsigned nextWrite = 0;
+    unsigned maxMB = 0;
+    size_t lineLength = 0;
+};
+
+WrapHeader readWrapHeader(FILE* file) {
+    WrapHeader header;
+    char line[kFirstLineMax + 1] = "";
+    if (fgets(line, sizeof(line), file) && strchr(line, '\n')) {
+        // The offset field is written "%-12lu", so a plain %u read finds both numbers.
+        header.parsed = sscanf(line, "QLX Trace   %u %u", &header.nextWrite, &header.maxMB) == 2;
+        header.lineLength = strlen(line);
+    }
+    return header;
+}
+
+bool reusable(const WrapHeader& header, off_t size) {
+    uint64_t limit = static_cast<uint64_t>(trWrapLimitMB()) * kTrMiB;
+    return header.parsed && static_cast<uint64_t>(size) <= limit && header.maxMB <= trState.maxMB &&
+           trState.segCount < 2 && header.nextWrite >= header.lineLength &&
+           static_cast<off_t>(header.nextWrite) <= size;
+}
+
+// Continues an earlier wrapping trace in place when it was written for this limit.
+FILE* reuseWrapFile() {
+    FILE* file = fopen(trState.fileName.c_str(), "r+e");
+    if (!file) return nullptr;
+    struct stat info {};
+    fstat(fileno(file), &info);
+    WrapHeader header = readWrapHeader(file);
+    if (!reusable(header, info.st_size)) {
+        fclose(file);
+        return nullptr;
+    }
+    trState.stream = file;
+    trState.dataStart = static_cast<uint32_t>(header.lineLength);
+    trState.nextWrite = header.nextWrite;
+    char rest[128];
+    int n = snprintf(rest, sizeof(rest), kWrapHeaderRest, static_cast<unsigned long>(trState.maxMB), PP_BUILD_DATE);
+    if (pwrite(fileno(file), rest, static_cast<size_t>(n), kOffsetFieldEnd) != n) trState.stream = nullptr;
+    if (!trState.stream) fclose(file);
+    return trState.stream;
+}
+
+FILE* createWrapFile() {
+    FILE* file = fopen(trState.fileName.c_str(), "w+e");
+    if (!file) return nullptr;
+    std::string header = std::string(kWrapTag) + kOffsetPlaceholder;
+    char rest[128];
+    snprintf(rest, sizeof(rest), kWrapHeaderRest, static_cast<unsigned long>(trState.maxMB), PP_BUILD_DATE);
+    header += rest;
+    header += "\n";
+    if (pwrite(fileno(file), header.data(), header.size(), 0) != static_cast<ssize_t>(header.size())) {
+        fclose(file);
+        return nullptr;
+    }
+    trState.stream = file;
+    trState.dataStart = trState.nextWrite = static_cast<uint32_t>(header.size());
+    trWrapStoreOffset();
+    return file;
+}
+
+int32_t beginWrapFile() {
+    FILE* file = trState.segCount < 2 ? reuseWrapFile() : nullptr;
+    if (!file) file = createWrapFile();
+    if (!file) return openFailed(trState.fileName);
+    int32_t rc = 0;
+    if (trState.continuing) {
+        char text[80];
+        int n = snprintf(text, sizeof(text), "Continued from end of segment %lu\n\n",
+                         static_cast<unsigned long>(trState.prevSeg));
+        rc = trWrapWrite("", 0, text, static_cast<size_t>(n));
+    } else {
+        size_t n = strlen(kBegunText);
+        rc = trWrapCheck(n);
+        if (rc >= 0) rc = trWrapPut(kBegunText, n);
+        if (rc >= 0) rc = trWrapStoreOffset();
+        if (rc < 0) trDisableAfterWriteFailure(0, errno);
+    }
+    // A failed first write has already ended tracing; the open itself worked.
+    return 0;
+}
+
+void announceFile() {
+    trPrintf(__FILE__, __LINE__, "Tracing to file: %s\n", trState.fileName.c_str());
+    trPrintf(__FILE__, __LINE__, "Tracefile maximum length set to %lu MB.\n",
+             static_cast<unsigned long>(trState.maxMB));
+    time_t now = time(nullptr);
+    char date[32];
+    char clock[32];
+    trFormatDateTime(now, date, sizeof(date), clock, sizeof(clock));
+    trPrintf(__FILE__, __LINE__, "----------------------------------------------------------------\n%s %s - Trace begun.\n",
+             date, clock);
+}
+
+int32_t beginFile(int32_t announce) {
+    int32_t rc = trState.wrapping ? beginWrapFile() : beginPlainFile();
+    if (rc == 0 && trState.stream) {
+        if (trState.maxSet) {
+            trState.active = 1;
+            trFlags[TR_TIMESTAMP] = 1;
+            trFlags[TR_PREFIX] = 1;
+        }
+        if (announce) announceFile();
+    }
+    return rc;
+}
+
+// Runs under both mutexes; the destination is not open yet.
+int32_t openDestination(const std::string& name, int32_t announce) {
+    if (name == "CONSOLE") return beginConsole();
+    if (name == "STDOUT" || name == "STDERR") return beginStandard(name == "STDOUT");
+    std::string path = fullPath(name);
+    if (trState.givenName.empty()) trState.givenName = path;
+    trState.fileName = path;
+    if (trState.segCount >= 2) trState.fileName += "." + std::to_string(trState.curSeg);
+    return beginFile(announce);
+}
+
+void closeWrapFile(FILE* file) {
+    if (trState.wrapping && !trState.continuing) {
+        ssize_t n = static_cast<ssize_t>(strlen(kTrCloseMarker));
+        if (pwrite(fileno(file), kTrCloseMarker, static_cast<size_t>(n), trState.nextWrite) != n) {
+            // The close below reports the failure that matters.
+        }
+    }
+}
+
+void closeDestination() {
+    if (trState.consoleMode && !trState.continuing) {
+        if (trState.consoleSink) trState.consoleSink(2, nullptr, trState.consoleContext);
+        trState.consoleMode = 0;
+    }
+    FILE* file = trState.stream;
+    if (trIsFileStream(file)) {
+        closeWrapFile(file);
+        if (fclose(file) != 0) {
+            printf("Unable to close trace output file %s: %s \n", trState.fileName.c_str(), strerror(errno));
+        }
+    }
+    trState.stream = nullptr;
+    trState.active = 0;
+    trState.fileName.clear();
+}
+
+void appendEnabled(std::string* out, bool enabled) {
+    for (const TraceClass* row = trLibClasses; row->name; ++row) {
+        if ((*row->flag != 0) == enabled) *out += std::string("  ") + row->name + "\n";
+    }
+}
+
+void appendAllClasses(std::string* out) {
+    char cell[64];
+    int column = 0;
+    for (const TraceClass* row = trLibClasses; row->name; ++row) {
+        snprintf(cell, sizeof(cell), *row->flag ? "  %-23sON " : "  %-23sOFF", row->name);
+        *out += cell;
+        *out += column == 0 ? "     " : "\n";
+        column = 1 - column;
+    }
+    *out += "\n";
+}
+
+// The catalogue heading goes to standard output only: nlIssue hands no text back
+// that could go into a caller's buffer.
+void queryHeading(int32_t kind) {
+    uint16_t msgNum = kind == TR_QUERY_ENABLED ? 226 : kind == TR_QUERY_DISABLED ? 225 : 224;
+    nlIssue(msgNum, NL_STDOUT);
 }
 
 }  // namespace
 
-int32_t trInit(int32_t, unsigned long, ThreadTagFn) {
-    clearFlags();
-    gFirstFlags = true;
-    return 0;
+int32_t trInit(int32_t clientType, unsigned long threadId, ThreadTagFn threadTagFn) {
+    if (trState.initialised) return 0;
+    clearClassFlags();
+    int32_t rc = pkCreateMutex(&trState.stateMutex);
+    if (rc == RC_OK) {
+        trState.clientType = clientType;
+        trState.lastThread = threadId;
+        trState.firstFlags = 1;
+        trState.stdEcho = 1;
+        trState.wrapping = 0;
+        trState.maxMB = trState.segSizeMB = trState.lastSegMB = 0;
+        trState.curSeg = 1;
+        trState.prevSeg = 0;
+        trState.givenName.clear();
+        trState.threadTagFn = threadTagFn;
+        trState.initialised = true;
+    }
+    return rc;
 }
 
 int32_t trSetFlags(const char* text, int32_t quiet, const TraceClass* classTable,
                    const TraceAggregate* aggregateTable) {
-    int savedErrno = errno;
-    if (gFirstFlags) {
+    ErrnoSaver keepErrno;
+    if (trState.firstFlags) {
         trFlags[TR_TIMESTAMP] = 1;
         trFlags[TR_PREFIX] = 1;
-        gFirstFlags = false;
+        trState.firstFlags = 0;
     }
-    int32_t rc = applyList(text, true, quiet, classTable, aggregateTable);
-    errno = savedErrno;
+    int32_t rc = applyList(text, true, quiet, classTable, aggregateTable, 0);
+    if (rc == 0) {
+        trState.markedActive = firstMarkedOn(classTable);
+        trState.active = 1;
+    }
     return rc;
 }
 
 int32_t trSetLibFlags(const char* text, int32_t quiet) {
-    return trSetFlags(text, quiet, kLibClasses, kLibAggregates);
+    return trSetFlags(text, quiet, trLibClasses, trLibAggregates);
 }
 
-int32_t trSetMaxMB(uint32_t) { return 0; }
-int32_t trSetSegSizeMB(uint32_t) { return 0; }
-int32_t trSetFileName(const char*) { return 0; }
-void trSetConsoleSink(ConsoleSink, void*) {}
-
-int32_t trBegin(const char* name, int32_t) {
-    if (!name || !*name) return -1;
-    if (gStream) return 0;
-    if (strcmp(name, "STDOUT") == 0) {
-        gStream = stdout;
-    } else if (strcmp(name, "STDERR") == 0) {
-        gStream = stderr;
-    } else {
-        gStream = fopen(name, "ae");
-        if (!gStream) return 426;
-        fprintf(gStream, "QLX Trace   ZOR Quillon 5.2.8.0  \nBuild Date: %s\nBEGINNING NEW TRACE\n\n", PP_BUILD_DATE);
+int32_t trSetMaxMB(uint32_t mb) {
+    if (mb == 0) {
+        trState.wrapping = 0;
+        trState.maxMB = 0;
+        trState.maxSet = 1;
+        return 0;
     }
-    gActive = true;
+    trState.maxMB = mb;
+    trState.wrapping = 1;
+    trState.maxSet = 1;
+    if (trState.segSizeMB != 0 || mb > kDefaultSegmentMB) {
+        computeSegments(trState.segSizeMB != 0 ? trState.segSizeMB : kDefaultSegmentMB);
+    }
+    createWrapMutexOnce();
     return 0;
 }
 
-int32_t trVPrintf(const char* file, uint32_t line, const char* format, va_list args) {
-    if (!trIsActive()) return 0;
-    int savedErrno = errno;
-    int n = 0;
-    if (trFlags[TR_PREFIX]) n += fprintf(gStream, "%-20s(%4u): ", file, line);
-    n += vfprintf(gStream, format, args);
-    size_t len = strlen(format);
-    if (len == 0 || format[len - 1] != '\n') n += fputc('\n', gStream) == EOF ? 0 : 1;
-    fflush(gStream);
-    errno = savedErrno;
-    return n;
+int32_t trSetSegSizeMB(uint32_t mb) {
+    if (mb != 0) {
+        computeSegments(mb);
+    } else {
+        trState.segSizeMB = 0;
+        trState.segCount = 0;
+        trState.prevSeg = 0;
+        trState.lastSegMB = 0;
+        trState.curSeg = 1;
+    }
+    return 0;
 }
 
-int32_t trPrintf(const char* file, uint32_t line, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    int32_t n = trVPrintf(file, line, format, args);
-    va_end(args);
-    return n;
+int32_t trSetFileName(const char* name) {
+    if (!name || !*name || strlen(name) > TR_MAX_NAME) {
+        nlIssue(236, NL_STDOUT | NL_ERRORLOG, name ? name : "");
+        return -1;
+    }
+    MutexLock lock(trState.stateMutex);
+    std::string given = unquote(name);
+    int32_t rc = 0;
+    if (!trState.givenName.empty()) {
+        rc = 0;
+    } else if (isStandardName(given)) {
+        trState.givenName = given;
+    } else {
+        std::string path = fullPath(given);
+        std::string dir = directoryOf(path);
+        int error = 0;
+        uint16_t problem = directoryProblem(dir, &error);
+        if (problem != 0) {
+            nlIssue(problem, NL_STDOUT | NL_ERRORLOG, dir.c_str(), strerror(error));
+            rc = RC_TRACE_DIR_UNUSABLE;
+        } else {
+            trState.givenName = path;
+        }
+    }
+    return rc;
 }
 
-int32_t trWPrintf(const char*, uint32_t, const wchar_t*, ...) { return 0; }
-
-int32_t trRawPrintf(const char* format, ...) {
-    if (!trIsActive()) return 0;
-    va_list args;
-    va_start(args, format);
-    int n = vfprintf(gStream, format, args);
-    va_end(args);
-    fflush(gStream);
-    return n;
+void trSetConsoleSink(ConsoleSink sink, void* context) {
+    trState.consoleSink = sink;
+    trState.consoleContext = context;
 }
 
-void trDumpMemory(const void*, int32_t, int32_t) {}
-void trDumpHex(const void*, int32_t, int32_t) {}
-
-int32_t trIsActive() { return gStream && gActive ? 1 : 0; }
+int32_t trBegin(const char* name, int32_t announce) {
+    ErrnoSaver keepErrno;
+    if (!name || !*name || strlen(name) > TR_MAX_NAME) {
+        printf("Invalid trace file name");
+        return -1;
+    }
+    std::string given = unquote(name);
+    ReentrantHold wrapHold(trState.wrapMutex);
+    ReentrantHold stateHold(trState.stateMutex);
+    int32_t rc = 0;
+    if (!trState.stream) {
+        rc = openDestination(given, announce);
+        if (rc == 0 && trState.stream) trState.active = 1;
+    }
+    return rc;
+}
 
 int32_t trEnd(int32_t close) {
-    clearFlags();
-    if (close && gStream) {
-        if (gStream != stdout && gStream != stderr) fclose(gStream);
-        gStream = nullptr;
+    ErrnoSaver keepErrno;
+    ReentrantHold wrapHold(trState.wrapMutex);
+    ReentrantHold stateHold(trState.stateMutex);
+    clearClassFlags();
+    if (close) closeDestination();
+    trState.maxMB = trState.segSizeMB = 0;
+    trState.wrapping = 0;
+    trState.maxSet = 0;
+    trState.firstFlags = 1;
+    trState.givenName.clear();
+    if (!trState.continuing) {
+        // Without this a later plain trace would still get a segment suffix.
+        trState.segCount = 0;
+        trState.curSeg = 1;
+        trState.prevSeg = 0;
+        trState.lastSegMB = 0;
     }
-    gActive = false;
-    gFirstFlags = true;
     return 0;
 }
 
 int32_t trTerminate() {
-    clearFlags();
+    {
+        ReentrantHold wrapHold(trState.wrapMutex);
+        ReentrantHold stateHold(trState.stateMutex);
+        closeDestination();
+    }
+    pkDestroyMutex(&trState.stateMutex);
+    pkDestroyMutex(&trState.wrapMutex);
+    trState.initialised = false;
+    trState.givenName.clear();
+    trState.maxMB = trState.segSizeMB = trState.lastSegMB = 0;
+    trState.maxSet = 0;
+    trState.wrapping = 0;
+    trState.segCount = 0;
+    trState.consoleSink = nullptr;
+    trState.consoleContext = nullptr;
+    trState.threadTagFn = nullptr;
+    clearClassFlags();
+    gStatusLogRunning = false;
     return 0;
 }
 
-int32_t trQuery(int32_t, char*) { return 0; }
-void trShowTables() {}
-void trLogEnabledClasses() {}
-int32_t trStatusLog(const char*, const char*, char*) { return 0; }
+int32_t trIsActive() {
+    FILE* stream = trState.stream.load(std::memory_order_relaxed);
+    if (!stream || !trState.active.load(std::memory_order_relaxed)) return 0;
+    return (trState.stdEcho || trState.consoleMode || trIsFileStream(stream)) ? 1 : 0;
+}
+
+int32_t trQuery(int32_t kind, char* buffer) {
+    if (!buffer && !trIsActive()) return 0;
+    char line[TR_PATH_BUFFER_SIZE + 64];
+    snprintf(line, sizeof(line), "  TRACEFILE:    %s\n", trState.givenName.c_str());
+    std::string status = line;
+    snprintf(line, sizeof(line), "  TRACEMAX :    %lu\n", static_cast<unsigned long>(trState.maxMB));
+    status += line;
+    snprintf(line, sizeof(line), "  TRACESEGSIZE: %lu\n", static_cast<unsigned long>(trState.segSizeMB));
+    status += line;
+    snprintf(line, sizeof(line), "  TRACE STATUS: %s\n\n", trIsActive() ? "Enabled" : "Disabled");
+    status += line;
+    std::string classes;
+    if (kind == TR_QUERY_ALL) {
+        appendAllClasses(&classes);
+    } else if (kind == TR_QUERY_ENABLED || kind == TR_QUERY_DISABLED) {
+        appendEnabled(&classes, kind == TR_QUERY_ENABLED);
+    }
+    if (buffer) {
+        snprintf(buffer, TR_QUERY_BUFFER_SIZE, "%s%s", status.c_str(), classes.c_str());
+    } else {
+        fputs(status.c_str(), stdout);
+        fflush(stdout);
+        if (!classes.empty()) queryHeading(kind);
+        fputs(classes.c_str(), stdout);
+        fflush(stdout);
+    }
+    return 0;
+}
+
+void trShowTables() {
+    std::string out = "Trace Class Table:\n";
+    for (const TraceClass* row = trLibClasses; row->name; ++row) {
+        if (row != trLibClasses) out += ", ";
+        out += row->name;
+    }
+    out += "\n\nTrace Aggregate Table:\n";
+    for (const TraceAggregate* row = trLibAggregates; row->name; ++row) {
+        out += std::string(row->name) + " = " + row->members + "\n";
+    }
+    fputs(out.c_str(), stdout);
+}
+
+void trLogEnabledClasses() {
+    std::string out = "Current trace classes enabled: ";
+    std::string names;
+    for (const TraceClass* row = trLibClasses; row->name; ++row) {
+        if (*row->flag) names += std::string(names.empty() ? " " : ",") + row->name;
+    }
+    FILE* stream = trState.stream;
+    if (names.empty()) {
+        out += "\nNone\n\nTracing not active.\n";
+    } else if (stream == stderr || stream == stdout) {
+        out += names + "\n\n" + (stream == stderr ? "Tracing is active to standard error.\n"
+                                                  : "Tracing is active to standard output.\n");
+    } else {
+        out += names + "\n\nTracing is active to file '" + trState.fileName + "'.\n";
+    }
+    trWriteRaw(out.data(), out.size());
+}
+
+void trSetStatusLogPrefix(int32_t on) { gStatusLogPrefix = on; }
+
+int32_t trStatusLog(const char* directory, const char* fileName, char* resultPath) {
+    if (!directory || !fileName) return RC_MISSING_ARG;
+    int32_t rc = 0;
+    if (gStatusLogRunning) {
+        trSetLibFlags("STATUSLOG", 1);
+    } else {
+        gStatusLogPath = std::string(directory) + "/" + fileName;
+        trSetLibFlags(gStatusLogPrefix ? "STATUSLOG" : "STATUSLOG -PREFIX", 1);
+        rc = trBegin(gStatusLogPath.c_str(), 0);
+        gStatusLogRunning = rc == 0;
+    }
+    if (resultPath) snprintf(resultPath, TR_PATH_BUFFER_SIZE, "%s", gStatusLogPath.c_str());
+    return rc;
+}

@@ -1,0 +1,104 @@
+// The trace facility's one process-wide state, shared by its set-up code
+// (trace.cpp) and its record writers (trwrite.cpp). Not for other callers.
+#ifndef BKVLIB_COMMON_UT_TRSTATE_H
+#define BKVLIB_COMMON_UT_TRSTATE_H
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include "BKVlib/common/thrd/pkthread.h"
+#include "BKVlib/common/ut/trace.h"
+
+// Fields read by writers on any thread without the state mutex are atomic.
+// stateMutex guards opening, closing and the names; wrapMutex guards the wrap
+// offsets (dataStart, nextWrite) and the write sequence on a wrapping file.
+// Lock order: wrapMutex before stateMutex.
+struct TraceState {
+    bool initialised = false;
+    std::atomic<FILE*> stream{nullptr};
+    uint32_t dataStart = 0;
+    uint32_t nextWrite = 0;
+    MutexHandle stateMutex = nullptr;
+    MutexHandle wrapMutex = nullptr;
+    std::atomic<unsigned long> lastThread{0};
+    int32_t clientType = 0;
+    int32_t markedActive = 0;
+    std::atomic<int32_t> wrapping{0};
+    int32_t firstFlags = 1;
+    std::atomic<int32_t> stdEcho{1};
+    std::string givenName;
+    std::string fileName;
+    uint32_t maxMB = 0;
+    int32_t maxSet = 0;
+    uint32_t segSizeMB = 0;
+    int32_t segCount = 0;
+    int32_t curSeg = 1;
+    int32_t prevSeg = 0;
+    uint32_t lastSegMB = 0;
+    int32_t continuing = 0;
+    std::atomic<int32_t> active{0};
+    std::atomic<int32_t> consoleMode{0};
+    ConsoleSink consoleSink = nullptr;
+    void* consoleContext = nullptr;
+    std::atomic<ThreadTagFn> threadTagFn{nullptr};
+};
+
+extern TraceState trState;
+
+constexpr size_t kTrFirstBuffer = 4862;
+constexpr size_t kTrSignalRecord = TR_SIGNAL_RECORD;
+constexpr uint32_t kTrMiB = 1048576;
+constexpr const char kTrEndMarker[] = "\nEND OF DATA\n\n";
+constexpr const char kTrCloseMarker[] = "\nEND OF DATA - close\n\n";
+
+// Tracing never changes the errno its caller sees.
+class ErrnoSaver {
+public:
+    ErrnoSaver() : saved_(errno) {}
+    ~ErrnoSaver() { errno = saved_; }
+    ErrnoSaver(const ErrnoSaver&) = delete;
+    ErrnoSaver& operator=(const ErrnoSaver&) = delete;
+
+private:
+    int saved_;
+};
+
+// Holds a mutex unless the calling thread already does: a segment switch begins
+// the trace again from inside the writer, and a failing write ends it from there.
+class ReentrantHold {
+public:
+    explicit ReentrantHold(MutexHandle mutex);
+    ~ReentrantHold();
+    ReentrantHold(const ReentrantHold&) = delete;
+    ReentrantHold& operator=(const ReentrantHold&) = delete;
+
+private:
+    MutexHandle mutex_;
+    bool acquired_;
+};
+
+// The record prefix's date and time texts in the process's date and time formats
+// (the agent's: "%Y-%m-%d", "%H:%M:%S").
+void trFormatDateTime(time_t seconds, char* date, size_t dateSize, char* timeText, size_t timeSize);
+
+bool trIsFileStream(FILE* stream);
+// Size limit in MB of the current file or segment.
+uint32_t trWrapLimitMB();
+// Writes at nextWrite of the wrapping file and advances it; no marker, no check.
+int32_t trWrapPut(const char* text, size_t length);
+// Writes the next-write offset into the header's offset field.
+int32_t trWrapStoreOffset();
+// Makes room for length bytes: wraps to dataStart (or to the next segment).
+int32_t trWrapCheck(size_t length);
+// A record on the wrapping file: check, text, offset, end marker.
+int32_t trWrapWrite(const char* prefix, size_t prefixLength, const char* text, size_t length);
+// Writes text without any prefix; raw = 1 selects the raw writer's failure message.
+int32_t trWriteRaw(const char* text, size_t length);
+// Ends tracing after a failed write and says so on standard output.
+void trDisableAfterWriteFailure(int32_t raw, int error);
+
+#endif

@@ -1,0 +1,116 @@
+// Mutexes with owner tracking, try-lock across threads, the single-threaded skip,
+// and conditions.
+#include "BKVlib/common/thrd/pkthread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "BKVlib/common/unx/psthread.h"
+#include "BKVlib/common/ut/ReturnCodes.h"
+
+namespace {
+
+// Holds a mutex on another thread until told to let go.
+class Holder {
+public:
+    explicit Holder(MutexHandle mutex) : thread_([this, mutex] {
+          pkAcquireMutex(mutex);
+          number_ = psThreadNumber();
+          held_ = true;
+          while (!release_) std::this_thread::yield();
+          pkReleaseMutex(mutex);
+      }) {
+        while (!held_) std::this_thread::yield();
+    }
+    ~Holder() {
+        release_ = true;
+        thread_.join();
+    }
+    int32_t number() const { return number_; }
+
+private:
+    std::atomic<bool> held_{false};
+    std::atomic<bool> release_{false};
+    std::atomic<int32_t> number_{0};
+    std::thread thread_;
+};
+
+class PkThreadTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        psSetMultiThreaded(1);
+        ASSERT_EQ(RC_OK, pkCreateMutex(&mutex_));
+    }
+    void TearDown() override {
+        psSetMultiThreaded(1);
+        EXPECT_EQ(RC_OK, pkDestroyMutex(&mutex_));
+        EXPECT_EQ(nullptr, mutex_);
+    }
+    MutexHandle mutex_ = nullptr;
+};
+
+TEST_F(PkThreadTest, TryLockHeldElsewhereIsBusyAndOwnerIsReported) {
+    {
+        Holder holder(mutex_);
+        EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex_));
+        EXPECT_EQ(holder.number(), pkMutexOwner(mutex_));
+        EXPECT_EQ(0, pkMutexHeldBySelf(mutex_));
+    }
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
+    EXPECT_EQ(psThreadNumber(), pkMutexOwner(mutex_));
+    EXPECT_EQ(1, pkMutexHeldBySelf(mutex_));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
+    EXPECT_EQ(0, pkMutexOwner(mutex_));
+}
+
+TEST_F(PkThreadTest, SelfDeadlockAndMisuseAreReportedNotHung) {
+    ASSERT_EQ(RC_OK, pkAcquireMutex(mutex_));
+    EXPECT_EQ(EDEADLK, pkAcquireMutex(mutex_));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
+    EXPECT_EQ(-1, pkAcquireMutex(nullptr));
+    EXPECT_EQ(-1, pkTryMutex(nullptr));
+    EXPECT_EQ(-1, pkReleaseMutex(nullptr));
+}
+
+TEST_F(PkThreadTest, LockingIsSkippedSingleThreadedAndAfterShutdown) {
+    Holder holder(mutex_);
+    psSetMultiThreaded(0);
+    EXPECT_EQ(1, psIsMainThread());
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
+    EXPECT_EQ(RC_OK, pkAcquireMutex(mutex_));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
+    psSetMultiThreaded(1);
+    EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex_));
+    bool mainSeen = false;
+    std::thread([&] { mainSeen = psIsMainThread(); }).join();
+    EXPECT_FALSE(mainSeen);
+    EXPECT_EQ(1, psIsMainThread());
+}
+
+TEST_F(PkThreadTest, ConditionWakesWaiterHoldingTheMutex) {
+    CondHandle cond = nullptr;
+    ASSERT_EQ(RC_OK, pkCreateCondition(&cond));
+    EXPECT_EQ(-1, pkWaitCondition(cond, mutex_));  // not held
+    std::atomic<bool> ready{false};
+    bool flag = false;
+    std::thread signaller([&] {
+        while (!ready) std::this_thread::yield();
+        MutexLock lock(mutex_);
+        flag = true;
+        pkSignalCondition(cond);
+    });
+    {
+        MutexLock lock(mutex_);
+        ready = true;
+        while (!flag) EXPECT_EQ(RC_OK, pkWaitCondition(cond, mutex_));
+        EXPECT_EQ(1, pkMutexHeldBySelf(mutex_));
+    }
+    signaller.join();
+    EXPECT_EQ(RC_OK, pkDestroyCondition(&cond));
+    EXPECT_EQ(nullptr, cond);
+}
+
+}  // namespace

@@ -1,0 +1,232 @@
+// Wrapping and segmented trace files: header, wrap point, reuse of an earlier
+// file, segment switches, and tracing switched off when the disk is full.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+
+#include "BKVlib/common/ut/trace.h"
+#include "BKVlib/common/ut/trstate.h"
+#include "tests/BKVlib/common/ut/TraceTestUtil.h"
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+constexpr size_t kMiB = 1048576;
+const std::string kEnd = "\nEND OF DATA\n\n";
+
+class TraceWrapTest : public ::testing::Test {
+protected:
+    void SetUp() override { resetTrace(); }
+    void TearDown() override { resetTrace(); }
+    // Begins a wrapping trace whose records carry no prefix, so their sizes are exact.
+    void beginBare(uint32_t maxMB, uint32_t segMB = 0) {
+        trSetMaxMB(maxMB);
+        if (segMB) trSetSegSizeMB(segMB);
+        ASSERT_EQ(0, trBegin(path_.c_str(), 0));
+        trSetLibFlags("-TIMESTAMP -PREFIX", 0);
+    }
+    static void put(const std::string& line) { trPrintf("f", 1, "%s\n", line.c_str()); }
+    TempDir dir_;
+    std::string path_ = dir_.file("wrap.trc");
+};
+
+TEST_F(TraceWrapTest, NewFileHeaderAndOffsetPointAtEndMarker) {
+    beginBare(7);
+    put("first");
+    std::string text = readFile(path_);
+    std::string firstLine = text.substr(0, text.find('\n') + 1);
+    EXPECT_EQ("QLX Trace   " + std::to_string(recordedOffset(text)), firstLine.substr(0, 12 + std::to_string(recordedOffset(text)).size()));
+    EXPECT_EQ(std::string("7          ZOR Quillon 5.2.8.0   Build date: ") + PP_BUILD_DATE + "\n", firstLine.substr(24));
+    size_t dataStart = firstLine.size() + 1;
+    EXPECT_EQ("BEGINNING NEW TRACE\n\nfirst\n" + kEnd, text.substr(dataStart));
+    EXPECT_EQ(text.size() - kEnd.size(), recordedOffset(text));
+}
+
+TEST_F(TraceWrapTest, RecordExactlyAtTheLimitFitsAndTheNextOneWraps) {
+    beginBare(1);
+    std::string text = readFile(path_);
+    size_t dataStart = text.find('\n') + 2;
+    const std::string record(99, 'R');  // 100 bytes with its newline
+    size_t filler = kMiB - 17 - 100 - recordedOffset(text);
+    put(std::string(filler - 1, 'f'));
+    put(record);
+    text = readFile(path_);
+    EXPECT_EQ(kMiB - 17, recordedOffset(text));
+    EXPECT_EQ(kMiB - 17 + kEnd.size(), text.size());
+
+    put(std::string(99, 'B'));
+    text = readFile(path_);
+    EXPECT_EQ("\nContinued at beginning of file\n\n", text.substr(kMiB - 17, 33));
+    EXPECT_EQ(std::string(99, 'B') + "\n" + kEnd, text.substr(dataStart, 100 + kEnd.size()));
+    EXPECT_EQ(dataStart + 100, recordedOffset(text));
+}
+
+TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
+    auto replaceFirstLine = [](const std::string& path) {
+        std::string text = readFile(path);
+        writeFile(path, "some other program's log\n" + text.substr(text.find('\n') + 1));
+    };
+    auto growPastOneMiB = [](const std::string& path) { writeFile(path, readFile(path) + std::string(kMiB, 'x')); };
+    const struct {
+        const char* name;
+        uint32_t firstMax;
+        uint32_t secondMax;
+        std::function<void(const std::string&)> change;
+        bool continued;
+    } cases[] = {
+        {"equal maximum", 2, 2, nullptr, true},
+        {"larger maximum", 2, 3, nullptr, true},
+        {"smaller maximum", 2, 1, nullptr, false},
+        {"foreign first line", 2, 2, replaceFirstLine, false},
+        {"file larger than maximum", 1, 1, growPastOneMiB, false},
+    };
+    for (const auto& c : cases) {
+        unlink(path_.c_str());
+        resetTrace();
+        beginBare(c.firstMax);
+        put("run one record");
+        trEnd(1);
+        if (c.change) c.change(path_);
+        resetTrace();
+        beginBare(c.secondMax);
+        put("run two record");
+        trEnd(1);
+        std::string text = readFile(path_);
+        EXPECT_EQ(std::to_string(c.secondMax) + " ", text.substr(24, std::to_string(c.secondMax).size() + 1)) << c.name;
+        EXPECT_THAT(text, HasSubstr("run two record\n\nEND OF DATA - close\n\n")) << c.name;
+        EXPECT_EQ(1u, countOf(text, "END OF DATA - close")) << c.name;
+        if (c.continued) {
+            EXPECT_THAT(text, HasSubstr("run one record\nBEGINNING NEW TRACE\n\nrun two record\n")) << c.name;
+        } else {
+            EXPECT_THAT(text, Not(HasSubstr("run one record"))) << c.name;
+            EXPECT_EQ(1u, countOf(text, "BEGINNING NEW TRACE")) << c.name;
+        }
+    }
+}
+
+TEST_F(TraceWrapTest, SegmentsFillInTurnAndRestartEachFileAnew) {
+    beginBare(3, 2);  // two segments: 2 MB, then the 1 MB remainder
+    const std::string record(999, 's');
+    std::string one = path_ + ".1";
+    std::string two = path_ + ".2";
+    for (int i = 0; i < 2100; ++i) put(record);
+    std::string first = readFile(one);
+    std::string second = readFile(two);
+    EXPECT_THAT(first, HasSubstr("\nContinued at beginning of segment 2\n\n"));
+    EXPECT_LE(first.size(), 2 * kMiB);
+    size_t dataStart = second.find('\n') + 2;
+    EXPECT_EQ("Continued from end of segment 1\n\n", second.substr(dataStart, 33));
+    EXPECT_THAT(second, HasSubstr("Tracing to file: " + two + "\n"));
+    EXPECT_EQ("3          ZOR", second.substr(24, 14));
+
+    for (int i = 0; i < 1100; ++i) put(record);
+    second = readFile(two);
+    first = readFile(one);
+    EXPECT_THAT(second, HasSubstr("\nContinued at beginning of segment 1\n\n"));
+    EXPECT_LE(second.size(), kMiB);
+    EXPECT_EQ("Continued from end of segment 2\n\n", first.substr(first.find('\n') + 2, 33));
+    EXPECT_THAT(first, Not(HasSubstr("Continued at beginning of segment 2")));
+    EXPECT_NE(0, access(path_.c_str(), F_OK));
+}
+
+TEST_F(TraceWrapTest, SegmentArithmetic) {
+    const struct {
+        uint32_t maxMB;
+        uint32_t segMB;
+        bool segFirst;
+        int32_t segCount;
+        uint32_t segSize;
+        uint32_t lastSeg;
+    } cases[] = {
+        {2500, 0, false, 3, 1000, 500}, {3000, 0, false, 3, 1000, 1000}, {1000, 0, false, 0, 0, 0},
+        {10, 3, false, 4, 3, 1},        {10, 3, true, 4, 3, 1},          {2, 5, false, 1, 2, 2},
+        {0, 4, false, -1, 4, 4},
+    };
+    for (const auto& c : cases) {
+        resetTrace();
+        if (c.segFirst) trSetSegSizeMB(c.segMB);
+        if (c.maxMB) trSetMaxMB(c.maxMB);
+        if (c.segMB && !c.segFirst) trSetSegSizeMB(c.segMB);
+        std::string label = std::to_string(c.maxMB) + "/" + std::to_string(c.segMB);
+        EXPECT_EQ(c.segCount, trState.segCount) << label;
+        EXPECT_EQ(c.segSize, trState.segSizeMB) << label;
+        EXPECT_EQ(c.lastSeg, trState.lastSegMB) << label;
+    }
+    resetTrace();
+    trSetMaxMB(2500);
+    ASSERT_EQ(0, trBegin(path_.c_str(), 0));
+    EXPECT_EQ(0, access((path_ + ".1").c_str(), F_OK));
+}
+
+// Runs in a child with a 64 KB tmpfs at mountPoint; 0 when every kind of trace
+// was switched off by the full disk and errno stayed as it was.
+int fillTinyDisk(const std::string& mountPoint) {
+    const struct {
+        const char* name;
+        uint32_t maxMB;
+        bool raw;
+    } kinds[] = {{"plain.trc", 0, false}, {"wrap.trc", 1, false}, {"raw.trc", 0, true}};
+    const std::string chunk(1000, 'd');
+    int failures = 0;
+    for (const auto& kind : kinds) {
+        resetTrace();
+        trSetMaxMB(kind.maxMB);
+        std::string file = mountPoint + "/" + kind.name;
+        trSetLibFlags("ERROR", 0);
+        if (trBegin(file.c_str(), 0) != 0) return 3;
+        for (int i = 0; i < 200 && trIsActive(); ++i) {
+            errno = 4321;
+            if (kind.raw) {
+                trRawPrintf("%s\n", chunk.c_str());
+            } else {
+                trPrintf("f", 1, "%s", chunk.c_str());
+            }
+            failures += errno != 4321;
+        }
+        if (trIsActive()) return 1;
+        unlink(file.c_str());
+    }
+    return failures ? 2 : 0;
+}
+
+TEST_F(TraceWrapTest, FullDiskSwitchesTracingOff) {
+    std::string mountPoint = dir_.file("mnt");
+    std::string output = dir_.file("stdout.txt");
+    mkdir(mountPoint.c_str(), 0700);
+    fflush(stdout);
+    pid_t child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            _exit(77);
+        }
+        int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(fd, STDOUT_FILENO);
+        int rc = fillTinyDisk(mountPoint);
+        fflush(stdout);
+        _exit(rc);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "a private mount namespace with a tmpfs was refused";
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    std::string said = readFile(output);
+    EXPECT_THAT(said, HasSubstr("Unable to write to trace file " + mountPoint + "/plain.trc. Tracing disabled.\n"));
+    EXPECT_THAT(said, HasSubstr("Unable to write to trace file " + mountPoint + "/wrap.trc. Tracing disabled.\n"));
+    EXPECT_THAT(said, HasSubstr("Unable to write to trace file " + mountPoint +
+                                "/raw.trc error is (28) No space left on device. Tracing disabled.\n"));
+}
+
+}  // namespace
