@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need (idempotent).
 set -euo pipefail
-packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev libc-bin util-linux
+packages=(cmake g++ make libc-dev-bin libgtest-dev libgmock-dev libbenchmark-dev libc-bin util-linux
           faketime rpm multipath-tools dmsetup clang libclang-rt-14-dev python3)
 missing=()
 for p in "${packages[@]}"; do

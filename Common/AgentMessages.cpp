@@ -1,13 +1,15 @@
-// Minimal message making from a built-in English table; the catalogue-backed
-// repository takes over behind these same calls.
 #include "Common/AgentMessages.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <memory>
 
+#include "BKVlib/common/nls/amsglog.h"
+#include "BKVlib/common/nls/amsgrtrv.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
 #include "Common/LogManager.h"
@@ -16,41 +18,29 @@ LogManager* activityLog = nullptr;
 
 namespace {
 
-struct BuiltinMessage {
-    int32_t number;
-    const char* text;
-};
+const char* const kComponent = "HKA";
+// Two inserts of a whole scratch buffer each, with room for the text around them.
+constexpr uint16_t kMessageBuffer = 16384;
 
-const BuiltinMessage kMessages[] = {
-    {649, "STA0356E The command %s could not be run."},
-    {858, "STA0523E The command %s failed."},
-    {1668, "AGT0272E The value of option %s is missing (rc %s)."},
-    {1751, "AGT0398E '%s' is not a valid multipath option."},
-    {1772, "AGT0412E The command line was rejected at argument %s."},
-    {1804, "AGT0429I %s started: %s"},
-    {1805, "AGT0430I %s ended with return code %d."},
-    {1821, "AGT0445I The request was cancelled by an agent stop signal."},
-    {2364, "AGT0452E No multipath device %s was found."},
-    {2365, "AGT0453E The multipath driver failed on device %s."},
-    {2366, "AGT0454I This multipath driver cannot set that policy."},
-    {2368, "AGT0456E No multipath driver was found on this host."},
-    {2370, "AGT0458I Setting policy %s on devices %s."},
-    {2371, "AGT0459I Rescanning the SCSI and Fibre Channel buses."},
-    {2374, "AGT0463I The device-mapper multipath driver is installed but not loaded."},
-    {2375, "AGT0464I The file multipath.conf does not exist."},
-};
+// The catalogue's texts start with an identifier of the same length as the
+// agent's key; the agent's key is what the user sees. Keys ending in "T" keep
+// the catalogue's identifier.
+void stampIdentifier(std::string* text, const char* msgId) {
+    size_t idLength = msgId ? strlen(msgId) : 0;
+    if (text->empty() || idLength == 0 || msgId[idLength - 1] == 'T') return;
+    text->replace(0, std::min(idLength, text->size()), msgId, idLength);
+}
 
 std::string makeMessage(int32_t msgNum, const char* msgId, va_list args) {
-    for (const BuiltinMessage& m : kMessages) {
-        if (m.number != msgNum) continue;
-        char buf[16384];
-        vsnprintf(buf, sizeof(buf), m.text, args);
-        std::string text = buf;
-        size_t idLen = msgId ? strlen(msgId) : 0;
-        if (idLen > 0 && msgId[idLen - 1] != 'T' && text.size() >= idLen) text.replace(0, idLen, msgId);
-        return text;
-    }
-    return std::string();
+    std::string text;
+    if (msgNum < 0 || msgNum > 0xFFFF) return text;
+    std::unique_ptr<char[]> buffer(new char[kMessageBuffer]);
+    NlMsgDesc desc;
+    desc.number = static_cast<uint16_t>(msgNum);
+    uint16_t length = nlLogPrintf(&desc, buffer.get(), kMessageBuffer, args);
+    text.assign(buffer.get(), length);
+    stampIdentifier(&text, msgId);
+    return text;
 }
 
 int32_t toLog(LogManager* log, const std::string& text) {
@@ -99,37 +89,72 @@ std::string getMsg(int32_t msgNum, const char* msgId, ...) {
     return text;
 }
 
-int32_t initMessages(const std::string&, const std::string&, const std::string&, const std::string&) {
-    return RC_OK;
+int32_t initMessages(const std::string& msgDir, const std::string&, const std::string& catalogName,
+                     const std::string& language) {
+    NA_TRACE_ENTER("initMessages()");
+    NlsSettings settings;  // the agent's fixed set-up values
+    settings.component = kComponent;
+    nlSetLanguage(language.c_str());  // empty: the process locale decides
+    std::string used;
+    int32_t rc = nlsInit(catalogName.c_str(), msgDir.c_str(), catalogName.c_str(), settings, &used);
+    if (rc == RC_OK) {
+        NA_TRACE_MID("Messages in language %s from %s\n", NA_STR(nlCurrentLanguage()), NA_STR(msgDir));
+        if (!nlsObject()->pendingText.empty()) NA_TRACE_MIN("%s", nlsObject()->pendingText.c_str());
+    } else {
+        NA_TRACE_MIN("Message repository not started, rc %d: %s\n", rc, NA_STR(nlsObject()->pendingText));
+        nlsTerminate();
+        rc = RC_MESSAGES_FAILED;
+    }
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "initMessages()", rc);
+    return rc;
 }
 
-void endMessages() {}
+void endMessages() {
+    nlsTerminate();
+}
+
+int32_t messageStatus() {
+    return nlsStatus();
+}
 
 int32_t cuMsgOut(const char* text, int32_t length, bool toStderr, const std::string& fileName) {
+    NA_TRACE_ENTER("cuMsgOut()");
+    int32_t rc = RC_OK;
     if (fileName.empty()) {
         fputs(text, toStderr ? stderr : stdout);
-        return RC_OK;
+    } else if (FILE* fp = fopen(fileName.c_str(), "abe")) {
+        size_t wanted = length > 0 ? static_cast<size_t>(length) : 0;
+        bool good = fwrite(text, 1, wanted, fp) == wanted && fflush(fp) == 0;
+        rc = good ? RC_OK : RC_WRITE_FAILED;
+        fclose(fp);
+    } else {
+        rc = RC_FILE_OPEN_FAILED;
     }
-    FILE* fp = fopen(fileName.c_str(), "abe");
-    if (!fp) return RC_FILE_OPEN_FAILED;
-    size_t written = fwrite(text, 1, static_cast<size_t>(length), fp);
-    int32_t rc = written == static_cast<size_t>(length) ? RC_OK : RC_WRITE_FAILED;
-    fclose(fp);
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "cuMsgOut()", rc);
     return rc;
 }
 
 std::string cuNextWord(const std::string& line, int32_t* pos) {
-    size_t start = line.find_first_not_of(" \t\n\r\f\v", static_cast<size_t>(*pos));
-    if (start == std::string::npos) return std::string();
-    size_t end = line.find_first_of(" \t\n\r\f\v", start);
-    if (end == std::string::npos) end = line.size();
-    *pos = static_cast<int32_t>(end);
-    return line.substr(start, end);
+    static const char* const kBlanks = " \t\n\r\f\v";
+    std::string word;
+    size_t from = *pos < 0 ? line.size() : static_cast<size_t>(*pos);
+    size_t start = line.find_first_not_of(kBlanks, from);
+    if (start != std::string::npos) {
+        size_t end = line.find_first_of(kBlanks, start);
+        if (end == std::string::npos) end = line.size();
+        *pos = static_cast<int32_t>(end);
+        // The length is the end index, not the word's length: later words run on
+        // past their end. Callers rely on it as it is.
+        word = line.substr(start, end);
+    }
+    NA_TRACE_MAX("cuNextWord: %s\n", NA_STR(word));
+    return word;
 }
 
 size_t StringHelper::string_to_wchar_t(const std::string& src, wchar_t* buf, size_t bufSize) {
     size_t needed = mbstowcs(nullptr, src.c_str(), 0);
-    if (needed == static_cast<size_t>(-1)) needed = src.size();
+    bool readable = needed != static_cast<size_t>(-1);
+    if (!readable) needed = src.size();
     if (needed > bufSize) {
         char text[256];
         snprintf(text, sizeof(text),
@@ -139,7 +164,13 @@ size_t StringHelper::string_to_wchar_t(const std::string& src, wchar_t* buf, siz
         throw std::string(text);
     }
     memset(buf, 0, bufSize);
-    size_t converted = mbstowcs(buf, src.c_str(), needed);
+    size_t converted = 0;
+    if (readable) {
+        converted = mbstowcs(buf, src.c_str(), needed);
+    } else {
+        // Bytes the locale cannot read are widened one for one.
+        for (; converted < needed; ++converted) buf[converted] = static_cast<unsigned char>(src[converted]);
+    }
     buf[converted] = L'\0';
     return converted;
 }

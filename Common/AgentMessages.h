@@ -24,12 +24,16 @@ int32_t logAndShowMsg(LogManager* log, int32_t msgNum, const char* msgId, ...);
 // The finished text, empty when the message could not be made.
 std::string getMsg(int32_t msgNum, const char* msgId, ...);
 
-// Sets up the message repository for the agent component "HKA": 0, or 1 after
-// releasing what was set up.
+// Sets up the message repository for the agent component "HKA" from
+// msgDir/<language>/catalogName, with msgDir/en_US/catalogName as the English
+// fallback. An empty language follows the process locale; reserved is not used.
+// Returns 0, or 1 after releasing what was set up.
 int32_t initMessages(const std::string& msgDir, const std::string& reserved,
                      const std::string& catalogName, const std::string& language);
 // Releases the message repository.
 void endMessages();
+// The message repository's status: 1 started, 0 not.
+int32_t messageStatus();
 
 // Writes length bytes of text to fileName (appending), or text to stderr/stdout
 // when fileName is empty: 0, RC_FILE_OPEN_FAILED or RC_WRITE_FAILED.

@@ -21,6 +21,7 @@ constexpr int32_t RC_CANCELLED = 8;           // rescan stopped, or rescan scrip
 constexpr int32_t RC_TRACE_FAILED = 30;       // trace facility failed to start
 constexpr int32_t RC_NO_INSTALL_DIR = 59;     // installation directory unknown
 constexpr int32_t RC_CATALOG_FAILED = 72;     // message catalogue failed to start
+constexpr int32_t RC_MESSAGES_FAILED = 1;     // initMessages: repository not started
 
 // Agent common services.
 constexpr int32_t RC_LOG_OPEN_FAILED = 9;     // activity log could not be opened
@@ -49,6 +50,8 @@ constexpr int32_t RC_MISSING_ARG = 109;
 constexpr int32_t RC_COND_WAIT_FAILED = 131;
 constexpr int32_t RC_TRACE_OPEN_FAILED = 426;
 constexpr int32_t RC_NLS_INIT_FAILED = 610;
+constexpr int32_t RC_CAT_NOT_OPENED = 2;      // openCat: no catalogue for that language
+constexpr int32_t RC_MSG_NOT_FOUND = 611;     // message missing, corrupt, or no repository
 constexpr int32_t RC_MUTEX_BUSY = 932;
 constexpr int32_t RC_TRACE_DIR_UNUSABLE = 959;
 

@@ -1,0 +1,139 @@
+// Every catalogue number the code issues must have a message in the sources, under
+// the key the code uses; the German set must cover the run-flow messages.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tools/msgc/MsgCompiler.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+const fs::path kRoot = PP_SOURCE_DIR;
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::map<uint16_t, std::string> loadSource(const std::string& relative) {
+    std::vector<msgc::SourceMessage> messages;
+    std::string error;
+    EXPECT_TRUE(msgc::parseSource(readFile(kRoot / relative), relative, &messages, &error)) << error;
+    std::map<uint16_t, std::string> ids;
+    for (const auto& m : messages) ids[m.number] = m.id;
+    return ids;
+}
+
+void addLiterals(const std::string& text, std::set<int>* numbers) {
+    const std::regex literal(R"(\b(\d{3,4})\b)");
+    for (std::sregex_iterator it(text.begin(), text.end(), literal), end; it != end; ++it) {
+        numbers->insert(std::stoi((*it)[1]));
+    }
+}
+
+// The body of the function named name defined in code, empty when there is none.
+std::string functionBody(const std::string& code, const std::string& name) {
+    std::smatch def;
+    if (!std::regex_search(code, def, std::regex(R"(\b)" + name + R"(\s*\([^;{)]*\)\s*\{)"))) return "";
+    size_t from = static_cast<size_t>(def.position(0) + def.length(0));
+    size_t to = code.find("\n}", from);
+    return code.substr(from, to == std::string::npos ? std::string::npos : to - from);
+}
+
+// The message numbers an argument of nlIssue (or of a wrapper around it) can take:
+// a literal, a constant or variable set from literals, a value returned by a helper
+// that sets it from literals, or the matching argument of every call of a wrapper.
+bool resolveArg(const std::string& code, const std::string& arg, int depth, std::set<int>* numbers) {
+    if (std::isdigit(static_cast<unsigned char>(arg[0]))) {
+        numbers->insert(std::stoi(arg));
+        return true;
+    }
+    std::set<int> found;
+    const std::regex assignment(R"(\b)" + arg + R"(\s*=\s*([^;=][^;]*);)");
+    for (std::sregex_iterator it(code.begin(), code.end(), assignment), end; it != end; ++it) {
+        std::string rhs = (*it)[1];
+        addLiterals(rhs, &found);
+        std::smatch call;
+        if (!std::regex_search(rhs, call, std::regex(R"(^\s*(\w+)\s*\()"))) continue;
+        std::string body = functionBody(code, call[1]);
+        const std::regex assigned(R"(=\s*(\d{3,4})\s*;)");
+        for (std::sregex_iterator b(body.begin(), body.end(), assigned), stop; b != stop; ++b) {
+            found.insert(std::stoi((*b)[1]));
+        }
+    }
+    numbers->insert(found.begin(), found.end());
+    if (!found.empty()) return true;
+    std::smatch wrapper;
+    std::regex parameterOf(R"((\w+)\s*\([^;{)]*\b)" + arg + R"(\b[^;{)]*\)\s*\{)");
+    if (depth > 0 && std::regex_search(code, wrapper, parameterOf) && wrapper[1] != "nlIssue") {
+        bool all = true;
+        const std::regex calls(R"(\b)" + wrapper[1].str() + R"(\(\s*(\w+))");
+        for (std::sregex_iterator it(code.begin(), code.end(), calls), end; it != end; ++it) {
+            if ((*it)[1] != "uint16_t" && (*it)[1] != "int32_t") all = resolveArg(code, (*it)[1], depth - 1, numbers) && all;
+        }
+        return all;
+    }
+    return false;
+}
+
+std::set<int> issuedLibraryNumbers() {
+    std::set<int> numbers;
+    const std::regex call(R"(\bnlIssue\(\s*(\w+))");
+    for (const char* dir : {"BKVlib", "Common", "Multipath", "PathPlanner"}) {
+        if (!fs::exists(kRoot / dir)) continue;
+        for (const auto& entry : fs::recursive_directory_iterator(kRoot / dir)) {
+            std::string ext = entry.path().extension().string();
+            if (ext != ".cpp") continue;
+            std::string code = readFile(entry.path());
+            for (std::sregex_iterator it(code.begin(), code.end(), call), end; it != end; ++it) {
+                std::string arg = (*it)[1];
+                if (arg == "uint16_t") continue;  // the definition
+                EXPECT_TRUE(resolveArg(code, arg, 2, &numbers)) << entry.path() << ": nlIssue(" << arg;
+            }
+        }
+    }
+    return numbers;
+}
+
+TEST(MessageSourcesTest, AgentKeysExistUnderTheirNumbers) {
+    auto english = loadSource("messages/en_US/qlxna.txt");
+    auto german = loadSource("messages/de_DE/qlxna.txt");
+    std::string ids = readFile(kRoot / "Common/AgentMessageIds.h");
+    const std::regex define(R"(#define\s+(\w+)\s+(\d+),\s*\"(\w+)\")");
+    int count = 0;
+    for (std::sregex_iterator it(ids.begin(), ids.end(), define), end; it != end; ++it, ++count) {
+        uint16_t number = static_cast<uint16_t>(std::stoi((*it)[2]));
+        EXPECT_EQ((*it)[1], (*it)[3]);
+        EXPECT_EQ((*it)[3], english[number]) << number;
+        EXPECT_EQ((*it)[3], german[number]) << number;
+    }
+    EXPECT_GE(count, 16);
+}
+
+TEST(MessageSourcesTest, IssuedLibraryNumbersExist) {
+    auto library = loadSource("messages/en_US/kfwclientV3.txt");
+    std::set<int> numbers = issuedLibraryNumbers();
+    EXPECT_TRUE(numbers.count(263)) << "the scan missed the internal-failure report";
+    EXPECT_TRUE(numbers.count(267)) << "the scan missed a report through a wrapper";
+    for (int number : numbers) EXPECT_TRUE(library.count(static_cast<uint16_t>(number))) << number;
+    for (int number : {224, 225, 226, 232, 233, 234, 236, 238, 239, 241, 250, 263, 264, 265, 267, 283}) {
+        EXPECT_TRUE(library.count(static_cast<uint16_t>(number))) << number;
+    }
+}
+
+TEST(MessageSourcesTest, GermanCoversRunFlowMessages) {
+    auto german = loadSource("messages/de_DE/qlxna.txt");
+    for (uint16_t number : {1772, 1804, 1805, 2370, 2371}) EXPECT_TRUE(german.count(number)) << number;
+}
+
+}  // namespace

@@ -1,0 +1,89 @@
+#include "tools/msgc/MsgCompiler.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "BKVlib/common/nls/amsgfmt.h"
+
+namespace {
+
+TEST(MsgCompilerTest, ParsesSourceWithCommentsEscapesAndContinuations) {
+    const std::string source =
+        "# comment\n"
+        "\n"
+        "12 AGT0001I first\\tline\\n\r\n"
+        "13   AGT0002E  joined \\\n"
+        "text with \\\\ backslash\n";
+    std::vector<msgc::SourceMessage> messages;
+    std::string error;
+    ASSERT_TRUE(msgc::parseSource(source, "s.txt", &messages, &error)) << error;
+    ASSERT_EQ(2u, messages.size());
+    EXPECT_EQ(12, messages[0].number);
+    EXPECT_EQ("first\tline\n", messages[0].text);
+    EXPECT_EQ("AGT0002E", messages[1].id);
+    EXPECT_EQ("joined text with \\ backslash", messages[1].text);
+    EXPECT_EQ(4, messages[1].line);
+}
+
+TEST(MsgCompilerTest, RejectsBadSourceLines) {
+    const char* bad[] = {
+        "x AGT0001I text\n",  "0 AGT0001I text\n",  "70000 AGT0001I text\n", "1 AG0001I text\n",
+        "1 AGT001I text\n",   "1 agt0001I text\n",  "1 AGT0001I bad \\q\n",   "1 AGT0001I ctrl \x10\n",
+        "1 AGT0001I dc2 \x12\n",
+    };
+    for (const char* line : bad) {
+        std::vector<msgc::SourceMessage> messages;
+        std::string error;
+        EXPECT_FALSE(msgc::parseSource(line, "s.txt", &messages, &error)) << line;
+        EXPECT_EQ(0u, error.find("s.txt:1: ")) << error;
+    }
+}
+
+TEST(MsgCompilerTest, OrderedFormLayout) {
+    std::string body, error;
+    ASSERT_TRUE(msgc::compileText("<%2$d|%1$-3s>", true, &body, &error)) << error;
+    const std::string expected("\0\x06\0\0\0\x02\x01\x00"
+                               "\0\x02%-3s\0"
+                               "\0\0%d\0"
+                               "<\0|\0>\0",
+                               26);
+    EXPECT_EQ(expected, body);
+    std::string stored = msgc::storedText("AGT0001I", body, "xy");
+    EXPECT_EQ(std::string::npos, stored.find('\0'));
+    EXPECT_EQ("AGT0001I \x10\x06\x10", stored.substr(0, 12));
+    EXPECT_EQ("\x12xy", stored.substr(stored.size() - 3));
+}
+
+TEST(MsgCompilerTest, RejectsBadInsertSets) {
+    const char* bad[] = {"%1$s %s", "%1$s %1$s", "%2$s", "%3$s %1$s", "%1$*d", "%n", "%q",
+                         "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d"};
+    for (const char* text : bad) {
+        std::string body, error;
+        EXPECT_FALSE(msgc::compileText(text, true, &body, &error)) << text;
+        EXPECT_FALSE(error.empty()) << text;
+    }
+}
+
+TEST(MsgCompilerTest, TranslationMustKeepIdentifier) {
+    std::map<uint16_t, msgc::SourceMessage> catalogue;
+    std::vector<msgc::SourceMessage> en, de, twice;
+    std::string error;
+    ASSERT_TRUE(msgc::parseSource("5 AGT0005I five\n", "en", &en, &error));
+    ASSERT_TRUE(msgc::parseSource("5 AGT0005I fünf\n", "de", &de, &error));
+    ASSERT_TRUE(msgc::mergeSource(en, "en", &catalogue, &error));
+    ASSERT_TRUE(msgc::mergeSource(de, "de", &catalogue, &error)) << error;
+    EXPECT_EQ("fünf", catalogue[5].text);
+    std::vector<msgc::SourceMessage> other;
+    ASSERT_TRUE(msgc::parseSource("5 AGT0006I six\n", "x", &other, &error));
+    EXPECT_FALSE(msgc::mergeSource(other, "x", &catalogue, &error));
+    ASSERT_TRUE(msgc::parseSource("7 AGT0007I a\n7 AGT0007I b\n", "y", &twice, &error));
+    EXPECT_FALSE(msgc::mergeSource(twice, "y", &catalogue, &error));
+}
+
+TEST(MsgCompilerTest, GencatLineEscapesControlBytes) {
+    EXPECT_EQ("9 A\\001b\\\\c\\nd\\022\n", msgc::gencatLine(9, std::string("A\x01" "b\\c\nd\x12")));
+}
+
+}  // namespace
