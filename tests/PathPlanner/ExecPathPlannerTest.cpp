@@ -18,6 +18,7 @@
 #include "PathPlanner/PPlannerDriver.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "tests/support/TestCatalog.h"
 
 using ::testing::_;
 using ::testing::ByMove;
@@ -64,6 +65,7 @@ std::string readFile(const std::string& path) {
 class ExecPathPlannerTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        ASSERT_EQ(RC_OK, useBuiltCatalog());
         char dirTemplate[] = "/tmp/pp-exec-XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(dirTemplate));
         dir_ = dirTemplate;
