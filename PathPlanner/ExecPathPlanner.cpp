@@ -1,0 +1,200 @@
+#include "PathPlanner/ExecPathPlanner.h"
+
+#include <climits>
+#include <cstdlib>
+#include <memory>
+
+#include "BKVlib/common/ut/ReturnCodes.h"
+#include "Common/AgentMessageIds.h"
+#include "Common/AgentMessages.h"
+#include "Common/AgentTrace.h"
+#include "Common/unix/pssignal.h"
+#include "Multipath/MultipathDriver.h"
+#include "PathPlanner/PPlannerDriver.h"
+#include "PathPlanner/WalkTheBus.h"
+
+int32_t multipathSetting = 0;
+std::vector<std::string> multipathDevices;
+std::vector<std::string> multipathWwpns;
+
+const char kPathPlannerComponent[] = "PathPlanner";
+const char kPathPlannerVersion[] = "5.2.8.0";
+
+namespace {
+
+// The agent has always read the setting like C's "%d": leading blanks skipped, a
+// sign allowed, anything after the digits ignored ("3abc" is 3). strtol reads the
+// same way but, unlike sscanf, has a defined result on overflow; an out-of-range
+// value is clamped so that it stays an unknown setting instead of wrapping.
+bool scanSetting(const std::string& token, int32_t* setting) {
+    const char* text = token.c_str();
+    char* end = nullptr;
+    long value = strtol(text, &end, 10);
+    bool found = end != text;
+    if (found) {
+        if (value > INT32_MAX) value = INT32_MAX;
+        if (value < INT32_MIN) value = INT32_MIN;
+        *setting = static_cast<int32_t>(value);
+    }
+    return found;
+}
+
+int32_t storeStateRequest(const std::vector<std::string>& options) {
+    int32_t rc = RC_OK;
+    if (options.size() > 2) {
+        multipathDevices.push_back(options[1]);
+        multipathWwpns.insert(multipathWwpns.end(), options.begin() + 2, options.end());
+    } else {
+        rc = RC_MISSING_VALUE;
+        NA_TRACE_MIN("Multipath arguments are incomplete, lundev or its paths are missing.\n");
+    }
+    // Traced even for an incomplete request, so the trace shows what was attempted.
+    NA_TRACE_MID("Multipath State Change Action\n");
+    return rc;
+}
+
+int32_t storePolicyRequest(const std::vector<std::string>& options) {
+    int32_t rc = RC_OK;
+    if (options.size() > 1) {
+        multipathDevices.insert(multipathDevices.end(), options.begin() + 1, options.end());
+    } else {
+        rc = RC_MISSING_VALUE;
+        NA_TRACE_MIN("Multipath arguments are incomplete, lundevs are missing.\n");
+    }
+    NA_TRACE_MID("Multipath Policy Change Action\n");
+    return rc;
+}
+
+// Tokens after the setting mean nothing to a rescan.
+int32_t storeWalkRequest(const std::vector<std::string>&) {
+    NA_TRACE_MID("Multipath Walk-The-Bus Action\n");
+    return RC_OK;
+}
+
+struct SettingKind {
+    int32_t first;
+    int32_t last;
+    int32_t (*store)(const std::vector<std::string>& options);
+};
+
+const SettingKind kSettingKinds[] = {
+    {kSettingOffline, kSettingOnline, storeStateRequest},
+    {kSettingLoadBalancing, kSettingFailover, storePolicyRequest},
+    {kSettingWalkTheBus, kSettingWalkTheBus, storeWalkRequest},
+};
+
+int32_t storeRequest(const std::vector<std::string>& options) {
+    int32_t rc = RC_UNKNOWN_SETTING;
+    const SettingKind* kind = nullptr;
+    for (const SettingKind& k : kSettingKinds) {
+        if (multipathSetting >= k.first && multipathSetting <= k.last) kind = &k;
+    }
+    if (kind) {
+        rc = kind->store(options);
+    } else {
+        NA_TRACE_MIN("Unknown multipathSetting: %d\n", multipathSetting);
+    }
+    return rc;
+}
+
+struct PolicyName {
+    int32_t setting;
+    const char* name;
+};
+
+const PolicyName kPolicyNames[] = {
+    {kSettingLoadBalancing, "Load Balancing"},
+    {kSettingRoundRobin, "Round Robin"},
+    {kSettingFailover, "Failover"},
+};
+
+}  // namespace
+
+const char* policyName(int32_t setting) {
+    const char* name = "Unknown";
+    for (const PolicyName& p : kPolicyNames) {
+        if (p.setting == setting) name = p.name;
+    }
+    return name;
+}
+
+std::string joinWords(const std::vector<std::string>& words) {
+    std::string text;
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (i > 0) text += ' ';
+        text += words[i];
+    }
+    return text;
+}
+
+int32_t validateArgs(const std::vector<std::string>& options) {
+    NA_TRACE_ENTER("validateArgs()");
+    int32_t rc = RC_OK;
+    if (options.empty()) {
+        rc = RC_MISSING_VALUE;
+        NA_TRACE_MIN("No multipath arguments to work with.\n");
+        logMsg(activityLog, AGT0272E, "multipath", std::to_string(rc).c_str());
+    } else if (!scanSetting(options[0], &multipathSetting)) {
+        rc = RC_BAD_ARGS;
+        logMsg(activityLog, AGT0398E, NA_STR(options[0]));
+        NA_TRACE_MIN(" '%s' is not a valid multipath option.\n", NA_STR(options[0]));
+    } else {
+        rc = storeRequest(options);
+    }
+    NA_TRACE_EXIT("Exit: %s rc: %i\n", "validateArgs()", rc);
+    return rc;
+}
+
+int32_t setMultipathPolicy(PPlannerDriver* plannerDriver) {
+    NA_TRACE_ENTER("setMultipathPolicy()");
+    int32_t rc = RC_OK;
+    std::unique_ptr<MultipathDriver> driver = plannerDriver->getMultipathDriver();
+    if (!driver) {
+        logMsg(activityLog, AGT0456E);
+        rc = RC_NO_MULTIPATH_DRIVER;
+    } else {
+        // The echo is built only when it will be traced: the device list may be long.
+        if (naTraceMid && !multipathDevices.empty()) {
+            NA_TRACE_MID("Calling: setPolicy with multipathSetting = %d for devices \"%s\"\n", multipathSetting,
+                         NA_STR(joinWords(multipathDevices)));
+        }
+        rc = driver->setPolicy(multipathSetting, multipathDevices);
+    }
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "setMultipathPolicy()", rc);
+    return rc;
+}
+
+int32_t setMultipathState(PPlannerDriver* plannerDriver) {
+    NA_TRACE_ENTER("setMultipathState()");
+    int32_t rc = RC_OK;
+    std::unique_ptr<MultipathDriver> driver = plannerDriver->getMultipathDriver();
+    if (!driver) {
+        logMsg(activityLog, AGT0456E);
+        rc = RC_NO_MULTIPATH_DRIVER;
+    } else {
+        const std::string device = multipathDevices.empty() ? std::string() : multipathDevices.front();
+        if (naTraceMid && !multipathWwpns.empty()) {
+            NA_TRACE_MID("Calling: setState with multipathSetting = %d for device \"%s\" for wwpns = \"%s\"\n",
+                         multipathSetting, NA_STR(device), NA_STR(joinWords(multipathWwpns)));
+        }
+        rc = driver->setState(multipathSetting, device, multipathWwpns);
+    }
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "setMultipathState()", rc);
+    return rc;
+}
+
+int32_t walkTheBus(PPlannerDriver* plannerDriver) {
+    NA_TRACE_ENTER("walkTheBus()");
+    int32_t rc = RC_CANCELLED;
+    std::unique_ptr<WalkTheBus> vehicle = plannerDriver->getWalkTheBusVehicle();
+    // The only place a stop request is honoured: the rescan and its settle time are
+    // long, policy and state changes are not.
+    if (agentStopRequested) {
+        logMsg(activityLog, AGT0445I);
+        NA_TRACE_MIN("PathPlanner cancelled due to Agent stop signal\n");
+    } else {
+        rc = vehicle->walkTheBus();
+    }
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "walkTheBus()", rc);
+    return rc;
+}
