@@ -1,5 +1,6 @@
 // The installed tool's run flow as the agent sees it: exit status, standard output,
 // activity log and job files.
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -9,6 +10,7 @@
 #include "gtest/gtest.h"
 #include "tests/e2e/NamespaceHarness.h"
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -138,6 +140,25 @@ TEST_F(RunFlowE2eTest, LogLimitOptionMovesActivityLogToNumberedFile) {
     ASSERT_EQ(1u, files.size()) << ::testing::PrintToString(files);
     EXPECT_THAT(files[0], ::testing::MatchesRegex("multipath_[0-9]{6}\\.log"));
     EXPECT_THAT(host.readAgentFile("log/" + files[0]), HasSubstr("AGT0430I"));
+}
+
+TEST_F(RunFlowE2eTest, ThreeRunsKeepingTwoLogsLeaveTheTwoNewest) {
+    NamespaceHarness host;
+    for (int run = 0; run < 3; ++run) {
+        RunResult r = host.run({"-maxnumlogs", "2", "-multipath", "abc"});
+        ASSERT_EQ(3, r.exitStatus) << r.describe();
+    }
+    EXPECT_THAT(host.listAgentDir("log"), ElementsAre("multipath_000002.log", "multipath_000003.log"));
+}
+
+TEST_F(RunFlowE2eTest, CatalogueThatCannotStartExits72) {
+    NamespaceHarness host;
+    // The installation has its nls directory, but no catalogue in it.
+    std::filesystem::remove(host.agentDir() + "/nls");
+    std::filesystem::create_directory(host.agentDir() + "/nls");
+    RunResult r = host.run({"-multipath", "3;mpatha"});
+    EXPECT_EQ(72, r.exitStatus) << r.describe();
+    EXPECT_THAT(host.listAgentDir("log"), Not(Contains(::testing::EndsWith(".jobinfo"))));
 }
 
 TEST_F(RunFlowE2eTest, RoundRobinRequestReachesDeviceMapperTool) {
