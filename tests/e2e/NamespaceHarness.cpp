@@ -70,6 +70,10 @@ NamespaceHarness::NamespaceHarness() {
     for (const char* dir : {"QLX/agent/log", "fakes", "calls", "answers"}) fs::create_directories(root_.file(dir));
     std::error_code ignored;
     for (const char* dir : {"/bin", "/nls"}) fs::create_directory_symlink(kPrefixAgent + dir, agentDir() + dir, ignored);
+    // Where /proc is overlaid the program would not find its own /proc/<pid> (the leak
+    // checker of a sanitizer build reads it).
+    testfiles::writeScript(root_.file("launch"),
+                           "[ -d /proc/$$ ] || ln -s " + quote(root_.file("orig_proc")) + "/$$ /proc/$$\nexec \"$@\"\n");
 }
 
 const std::string& NamespaceHarness::unavailableReason() {
@@ -110,9 +114,11 @@ std::string NamespaceHarness::script(const std::string& program, const std::vect
         for (const std::string& name : fakes_) s += "ln -sf \"$W/fakes/\"" + quote(name) + " \"$S\"/" + quote(name) + "\n";
     }
     const std::string bin = emptyInstall_ ? kPrefixAgent + "/bin/" : "/opt/ZOR/QLX/agent/bin/";
-    s += "cd /\nset +e\nPATH=\"$W/fakes:$PATH\" timeout -s KILL 240";
+    // faketime's preload comes before the sanitizer runtime of an ASan build.
+    s += "cd /\nset +e\nexport ASAN_OPTIONS=verify_asan_link_order=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}\n";
+    s += "PATH=\"$W/fakes:$PATH\" timeout -s KILL 240";
     if (!faketime_.empty()) s += " faketime -f " + quote(faketime_);
-    s += " " + quote(program[0] == '/' ? program : bin + program);
+    s += " \"$W/launch\" " + quote(program[0] == '/' ? program : bin + program);
     for (const std::string& arg : args) s += " " + quote(arg);
     return s + " </dev/null >\"$W/out\" 2>\"$W/err\"\necho $? >\"$W/status\"\n";
 }
