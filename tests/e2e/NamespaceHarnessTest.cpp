@@ -1,86 +1,45 @@
-// The harness itself: every later end-to-end test trusts that the host it builds
-// is the host the program sees, so each seam is checked from inside with a shell.
+// Every end-to-end test trusts that the host the harness builds is the host the program
+// sees, so each seam is checked from inside with a shell.
 #include "tests/e2e/NamespaceHarness.h"
 
 #include <filesystem>
-#include <fstream>
 
 #include "gmock/gmock.h"
-#include "gtest/gtest.h"
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 
-class NamespaceHarnessTest : public E2eTest {
-protected:
-    RunResult shell(NamespaceHarness* host, const std::string& commands) {
-        return host->runProgram("/bin/sh", {"-c", commands});
-    }
-};
+class NamespaceHarnessTest : public E2eTest {};
 
-TEST_F(NamespaceHarnessTest, ProgramSeesInstallTreeAndWritesLandInAgentDir) {
+TEST_F(NamespaceHarnessTest, ShellSeesTheHostItWasGiven) {
     NamespaceHarness host;
-    RunResult r = shell(&host, "test -x /opt/ZOR/QLX/agent/bin/PathPlanner && echo ok > /opt/ZOR/QLX/agent/log/x");
-    ASSERT_EQ(0, r.exitStatus) << r.describe();
-    EXPECT_EQ("ok\n", host.readAgentFile("log/x"));
-    EXPECT_FALSE(std::filesystem::exists("/opt/ZOR/QLX/agent/log/x"));  // nothing reached the host
-}
-
-TEST_F(NamespaceHarnessTest, EmptyTreeHidesInstallation) {
-    NamespaceHarness host;
-    host.setInstallTree(InstallTree::Empty);
-    RunResult r = shell(&host, "ls -A /opt/ZOR/QLX");
-    EXPECT_EQ(0, r.exitStatus) << r.describe();
-    EXPECT_EQ("", r.out);
-}
-
-TEST_F(NamespaceHarnessTest, FakeToolsRecordCallsAndAnswerAsTold) {
-    NamespaceHarness host;
-    host.addFakeTool(ToolDir::Sbin, {"multipath", "sbin out\n", 3, "sbin err\n", ""});
-    host.addFakeTool(ToolDir::Path, {"rpm", "path out\n", 0, "", ""});
-    RunResult r = shell(&host, "/sbin/multipath -ll -v2; echo \"rc $?\"; rpm -qa; test -x /sbin/ldconfig");
-    EXPECT_EQ(0, r.exitStatus) << r.describe();  // the real /sbin tools stay visible
-    EXPECT_EQ("sbin out\nrc 3\npath out\n", r.out);
-    EXPECT_EQ("sbin err\n", r.err);
-    EXPECT_THAT(host.toolCalls("multipath"), ElementsAre("-ll -v2"));
-    EXPECT_THAT(host.toolCalls("rpm"), ElementsAre("-qa"));
-}
-
-TEST_F(NamespaceHarnessTest, HiddenSbinToolIsAbsent) {
-    NamespaceHarness host;
+    host.addAnsweringTool("multipath", "fake out\n", 3, "fake err\n");
+    host.addFakeTool("rpm", "echo \"rpm $1\"");
     host.hideSbinTool("ldconfig");
-    RunResult r = shell(&host, "test -e /sbin/ldconfig");
-    EXPECT_EQ(1, r.exitStatus) << r.describe();
-}
-
-TEST_F(NamespaceHarnessTest, PlacedTreesReplaceSysAndProcEntries) {
-    NamespaceHarness host;
-    const std::string fc = host.makeHostDir("fc_host");
-    std::filesystem::create_directories(fc + "/host3");
-    std::ofstream(fc + "/host3/issue_lip") << "";
-    const std::string scsi = host.makeHostDir("proc_scsi");
-    std::ofstream(scsi + "/scsi") << "Attached devices:\n";
+    const std::string fc = host.makeHostDir("fc_host"), scsi = host.makeHostDir("proc_scsi");
+    std::filesystem::create_directory(fc + "/host3");
+    testfiles::writeFile(scsi + "/scsi", "Attached devices:\n");
     host.placeTree("/sys/class/fc_host", fc);
     host.placeTree("/proc/scsi", scsi);
-    RunResult r = shell(&host, "ls /sys/class/fc_host; cat /proc/scsi/scsi; test -r /proc/self/status");
-    EXPECT_EQ(0, r.exitStatus) << r.describe();
-    EXPECT_EQ("host3\nAttached devices:\n", r.out);
-}
-
-TEST_F(NamespaceHarnessTest, FaketimeGovernsTheProgramsClock) {
-    NamespaceHarness host;
     host.useFaketime("@2001-02-03 04:05:06");
-    RunResult r = shell(&host, "date +%Y");
+    RunResult r = host.run({"-c", "test -x /opt/ZOR/QLX/agent/bin/PathPlanner && echo ok > /opt/ZOR/QLX/agent/log/x;"
+                                  "/sbin/multipath -ll -v2; echo \"rc $?\"; rpm -qa; ls /sys/class/fc_host;"
+                                  "cat /proc/scsi/scsi; date +%Y; test ! -e /sbin/ldconfig && test -x /sbin/blkid"
+                                  " && test -r /proc/self/status"},
+                           "/bin/sh");
     EXPECT_EQ(0, r.exitStatus) << r.describe();
-    EXPECT_EQ("2001\n", r.out);
+    EXPECT_EQ("fake out\nrc 3\nrpm -qa\nhost3\nAttached devices:\n2001\n", r.out);
+    EXPECT_EQ("fake err\n", r.err);
+    EXPECT_EQ("ok\n", host.readAgentFile("log/x"));
+    EXPECT_FALSE(std::filesystem::exists("/opt/ZOR/QLX/agent/log/x"));  // nothing reached the host
+    EXPECT_THAT(host.toolCalls("multipath"), ::testing::ElementsAre("-ll -v2"));
 }
 
-TEST_F(NamespaceHarnessTest, ExitStatusAndSignalsAreReported) {
+TEST_F(NamespaceHarnessTest, HiddenInstallationIsEmptyAndSignalsAreReported) {
     NamespaceHarness host;
-    EXPECT_EQ(42, shell(&host, "exit 42").exitStatus);
-    EXPECT_EQ(128 + 9, shell(&host, "kill -KILL $$").exitStatus);
+    host.hideInstallation();
+    RunResult r = host.run({"-c", "ls -A /opt/ZOR/QLX; kill -KILL $$"}, "/bin/sh");
+    EXPECT_EQ(128 + 9, r.exitStatus) << r.describe();
+    EXPECT_EQ("", r.out);
 }
 
 }  // namespace

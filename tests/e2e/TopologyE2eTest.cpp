@@ -1,90 +1,80 @@
 // The installed PathPlannerTopology against fake multipath, dmsetup and rpm.
-#include <gtest/gtest.h>
-
 #include <cstdio>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
 
+#include "gmock/gmock.h"
 #include "tests/e2e/NamespaceHarness.h"
+
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+using testfiles::splitLines;
 
 namespace {
 
 using Lines = std::vector<std::string>;
 
+const char kWithTools[] = "bash-5.2.15-2\\nmultipath-tools-0.9.4-3\\n";
+
 std::string fixture(const std::string& name) {
-    std::ifstream in(std::string(PP_SOURCE_DIR) + "/tests/Multipath/linux/data/" + name, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-Lines lines(const std::string& text) {
-    Lines out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
-
-// A fake tool that prints out and err and exits with status.
-FakeTool answering(const std::string& name, const std::string& out, int status = 0, const std::string& err = "") {
-    return {name, out, status, err, ""};
-}
-
-// rpm answers the package query the way it does with multipath-tools installed.
-FakeTool rpmWith(const std::string& packages) {
-    return {"rpm", "", 0, "", "case \"$1\" in\n-qa) printf '" + packages + "' ;;\n-q) printf '%s\\n' \"$2\" ;;\nesac"};
+    return testfiles::testData("Multipath/linux/data/" + name);
 }
 
 // Number of elements of the JSON array in text, or -1 when python's parser rejects it.
-int jsonArrayLength(const std::string& text, const std::string& dir) {
-    std::string file = dir + "/out.json";
-    std::ofstream(file, std::ios::binary) << text;
-    std::string command = "python3 -c 'import json,sys; print(len(json.load(open(sys.argv[1]))))' " + file + " 2>/dev/null";
+int jsonArrayLength(const std::string& text) {
+    testfiles::TempDir dir;
+    testfiles::writeFile(dir.file("out.json"), text);
+    const std::string command =
+        "python3 -c 'import json,sys; print(len(json.load(open(sys.argv[1]))))' " + dir.file("out.json") + " 2>/dev/null";
     FILE* pipe = popen(command.c_str(), "r");
     char buf[32] = {0};
-    bool read = pipe && fgets(buf, sizeof(buf), pipe) != nullptr;
-    int status = pipe ? pclose(pipe) : -1;
-    return read && status == 0 ? atoi(buf) : -1;
+    const bool read = pipe && fgets(buf, sizeof(buf), pipe) != nullptr;
+    return (pipe ? pclose(pipe) : -1) == 0 && read ? atoi(buf) : -1;
+}
+
+// rpm lists these packages; its complaint on standard error (the program's own) must
+// never reach the user.
+void installRpm(NamespaceHarness* host, const std::string& packages) {
+    host->addFakeTool("rpm", "case \"$1\" in\n-qa) echo 'error: cannot open Packages database' >&2; printf '" +
+                                 packages + "' ;;\n-q) printf '%s\\n' \"$2\" ;;\nesac");
 }
 
 class TopologyE2eTest : public E2eTest {
 protected:
-    void installDriver() {
-        host.addFakeTool(ToolDir::Path, rpmWith("bash-5.2.15-2\\nmultipath-tools-0.9.4-3\\n"));
-        host.addFakeTool(ToolDir::Sbin, answering("multipath", fixture("multipath-ll-v2.two-maps.stdout")));
+    void installDriver(const std::string& listing = fixture("multipath-ll-v2.two-maps.stdout")) {
+        installRpm(&host, kWithTools);
+        host.addAnsweringTool("multipath", listing);
     }
-    RunResult run(const Lines& args) { return host.runProgram("PathPlannerTopology", args); }
+    RunResult run(const Lines& args) { return host.run(args, "PathPlannerTopology"); }
 
     NamespaceHarness host;
 };
 
 TEST_F(TopologyE2eTest, JsonListsEveryPathInDeviceOrder) {
     installDriver();
-    for (const Lines& args : {Lines{}, Lines{"--json"}, Lines{"--table", "--json"}}) {
+    const std::string trace = "/opt/ZOR/QLX/agent/log/topology.trace";
+    for (const Lines& args : {Lines{}, Lines{"--json", "--trace", trace}, Lines{"--table", "--json"}}) {
         RunResult r = run(args);
         ASSERT_EQ(r.exitStatus, 0) << r.describe();
         EXPECT_EQ(r.err, "");
-        Lines out = lines(r.out);
+        Lines out = splitLines(r.out);
         ASSERT_EQ(out.size(), 6u) << r.out;
         EXPECT_EQ(out[1],
                   "{\"kind\":1,\"id\":\"0\",\"host\":0,\"channel\":0,\"target\":0,\"lun\":0,\"state\":\"ready\","
                   "\"mode\":\"running\",\"preferred\":true,\"policy\":\"service-time\",\"disk\":\"mpatha\","
                   "\"device\":\"sda\",\"group\":1,\"driverVersion\":\"Device Mapper Multipath Version 0.9.4-3\","
                   "\"spare\":\"\"},");
-        EXPECT_NE(out[3].find("\"preferred\":false,\"policy\":\"service-time\",\"disk\":\"mpatha\",\"device\":\"sdc\""),
-                  std::string::npos);
-        EXPECT_EQ(jsonArrayLength(r.out, host.makeHostDir("json")), 4);
+        EXPECT_THAT(out[3], HasSubstr("\"preferred\":false,\"policy\":\"service-time\",\"disk\":\"mpatha\",\"device\":\"sdc\""));
+        EXPECT_EQ(jsonArrayLength(r.out), 4);
     }
     EXPECT_EQ(host.toolCalls("multipath"), (Lines{"-ll -v2", "-ll -v2", "-ll -v2"}));
-    EXPECT_EQ(host.toolCalls("rpm")[0], "-qa");
+    EXPECT_THAT(host.readAgentFile("log/topology.trace"), HasSubstr("Found Path sdd: host=1, channel=0, target=0, lun=1\n"));
 }
 
 TEST_F(TopologyE2eTest, TableAlignsEveryPath) {
     installDriver();
     RunResult r = run({"--table"});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.out,
               "DEVICE  H:C:T:L  DISK    GROUP  POLICY        MODE     STATE  PREFERRED\n"
               "sda     0:0:0:0  mpatha  1      service-time  running  ready  yes\n"
@@ -94,98 +84,71 @@ TEST_F(TopologyE2eTest, TableAlignsEveryPath) {
 }
 
 TEST_F(TopologyE2eTest, NoMapsIsAnEmptyArray) {
-    host.addFakeTool(ToolDir::Path, rpmWith("multipath-tools-0.9.4-3\\n"));
-    host.addFakeTool(ToolDir::Sbin, answering("multipath", ""));
+    installDriver("");
     RunResult r = run({});
     EXPECT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(r.out, "[]\n");
 }
 
 TEST_F(TopologyE2eTest, HostileListingStillGivesValidJson) {
-    host.addFakeTool(ToolDir::Path, rpmWith("multipath-tools-0.9.4-3\\n"));
-    std::string listing = "m\"x\\ (0123456789abcdef)\r\n`-+- policy='se\x01rv 0' prio=7 status=active\n"
-                          "  |- 0:0:0:0 sd\"a\\\xff 8:0 active ready running\n  `- 1a:0:0:0 sd\xc3\xa9 8:0 failed\n"
-                          "  `- 0:0:0:0 sdz\n\xde\xad\xbe\xef garbage |- : #\n";
-    host.addFakeTool(ToolDir::Sbin, answering("multipath", listing));
+    installDriver("m\"x\\ (0123456789abcdef)\r\n`-+- policy='se\x01rv 0' prio=7 status=active\n"
+                  "  |- 0:0:0:0 sd\"a\\\xff 8:0 active ready running\n  `- 1a:0:0:0 sd\xc3\xa9 8:0 failed\n"
+                  "  `- 0:0:0:0 sdz\n\xde\xad\xbe\xef garbage |- : #\n");
     RunResult r = run({});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(jsonArrayLength(r.out, host.makeHostDir("json")), 2) << r.out;
-    EXPECT_NE(r.out.find("\"disk\":\"m\\\"x\\\\\""), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"device\":\"sd\\\"a\\\\\\ufffd\""), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"host\":26,"), std::string::npos) << r.out;
+    EXPECT_EQ(jsonArrayLength(r.out), 2) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("\"disk\":\"m\\\"x\\\\\""));
+    EXPECT_THAT(r.out, HasSubstr("\"device\":\"sd\\\"a\\\\\\ufffd\""));
+    EXPECT_THAT(r.out, HasSubstr("\"host\":26,"));
 }
 
-TEST_F(TopologyE2eTest, NoDriverIsOneErrorLine) {
-    host.addFakeTool(ToolDir::Path, rpmWith("bash-5.2.15-2\\n"));
-    host.addFakeTool(ToolDir::Sbin, answering("multipath", fixture("multipath-ll-v2.two-maps.stdout")));
-    for (const char* mode : {"--json", "--table", "--fail-if-no-path"}) {
-        RunResult r = run({mode});
-        EXPECT_EQ(r.exitStatus, 169) << r.describe();
-        EXPECT_EQ(r.out, "");
-        ASSERT_EQ(lines(r.err).size(), 1u) << r.err;
-        EXPECT_EQ(r.err.rfind("PathPlannerTopology: AGT0456E ", 0), 0u) << r.err;
-    }
-    EXPECT_TRUE(host.toolCalls("multipath").empty());
-}
-
-// The package listing's complaints reach the shell's standard error, which is the
-// program's own; they must not reach the user.
-TEST_F(TopologyE2eTest, RpmComplaintsStayQuiet) {
-    FakeTool rpm = rpmWith("multipath-tools-0.9.4-3\\n");
-    rpm.body = "[ \"$1\" = -qa ] && echo 'error: cannot open Packages database in /var/lib/rpm' >&2\n" + rpm.body;
-    host.addFakeTool(ToolDir::Path, rpm);
-    host.addFakeTool(ToolDir::Sbin, answering("multipath", fixture("multipath-ll-v2.two-maps.stdout")));
-    RunResult r = run({"--table"});
-    EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(lines(r.out).size(), 5u) << r.out;
-}
-
-TEST_F(TopologyE2eTest, ListingFailuresAreOneErrorLine) {
+// Every failure is one line on standard error and nothing on standard output.
+TEST_F(TopologyE2eTest, FailuresAreOneErrorLine) {
+    const std::string twoMaps = fixture("multipath-ll-v2.two-maps.stdout");
     const struct {
-        std::string out;
-        int status;
-        std::string err;
-        const char* said;
+        Lines args;
+        const char* packages;
+        std::string listing;
+        int listingStatus;  // -1: no /sbin/multipath
+        std::string listingErr;
+        int exitStatus;
+        const char* said;  // a regular expression
     } cases[] = {
-        {fixture("multipath-ll-v2.driver-not-loaded.stdout"), 1, fixture("multipath-ll-v2.driver-not-loaded.stderr"),
-         "STA0523E "},
-        {"Dec 1 | DM multipath kernel driver not loaded\n", 1, "", "AGT0463I "},
-        {"/etc/multipath.conf does not exist, blacklisting all devices.\n", 1, "", "AGT0464I "},
-        {fixture("multipath-ll-v2.two-maps.stdout"), 2, "", "STA0523E "},
+        {{"--json"}, "bash-5.2.15-2\\n", twoMaps, 0, "", 169, "^PathPlannerTopology: AGT0456E "},
+        {{"--table"}, "bash-5.2.15-2\\n", twoMaps, 0, "", 169, "^PathPlannerTopology: AGT0456E "},
+        {{"--fail-if-no-path"}, "bash-5.2.15-2\\n", twoMaps, 0, "", 169, "^PathPlannerTopology: AGT0456E "},
+        {{}, kWithTools, fixture("multipath-ll-v2.driver-not-loaded.stdout"), 1,
+         fixture("multipath-ll-v2.driver-not-loaded.stderr"), 173, "STA0523E "},
+        {{}, kWithTools, "Dec 1 | DM multipath kernel driver not loaded\n", 1, "", 173, "AGT0463I "},
+        {{}, kWithTools, "/etc/multipath.conf does not exist, blacklisting all devices.\n", 1, "", 173, "AGT0464I "},
+        {{}, kWithTools, twoMaps, 2, "", 173, "STA0523E "},
+        {{"--table"}, kWithTools, "", -1, "", 173, "STA0523E .*/sbin/multipath"},
+        {{"--bogus"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option '--bogus'"},
+        {{"--trace"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option '--trace'"},
+        {{"json"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option 'json'"},
     };
     for (const auto& c : cases) {
         NamespaceHarness one;
-        one.addFakeTool(ToolDir::Path, rpmWith("multipath-tools-0.9.4-3\\n"));
-        one.addFakeTool(ToolDir::Sbin, answering("multipath", c.out, c.status, c.err));
-        RunResult r = one.runProgram("PathPlannerTopology", {});
-        EXPECT_EQ(r.exitStatus, 173) << r.describe();
-        EXPECT_EQ(r.out, "");
-        ASSERT_EQ(lines(r.err).size(), 1u) << r.err;
-        EXPECT_NE(r.err.find(c.said), std::string::npos) << r.err;
-        EXPECT_EQ(r.err.find(">>"), std::string::npos) << r.err;
+        installRpm(&one, c.packages);
+        if (c.listingStatus < 0) one.hideSbinTool("multipath");
+        if (c.listingStatus >= 0) one.addAnsweringTool("multipath", c.listing, c.listingStatus, c.listingErr);
+        RunResult r = one.run(c.args, "PathPlannerTopology");
+        EXPECT_EQ(r.exitStatus, c.exitStatus) << c.said << ": " << r.describe();
+        EXPECT_EQ(r.out, "") << c.said;
+        EXPECT_EQ(splitLines(r.err).size(), 1u) << r.err;
+        EXPECT_THAT(r.err, ContainsRegex(c.said));
+        EXPECT_THAT(r.err, ::testing::Not(HasSubstr(">>")));
+        EXPECT_TRUE(c.exitStatus != 169 || one.toolCalls("multipath").empty()) << c.said;
     }
 }
 
-TEST_F(TopologyE2eTest, MissingMultipathIsOneErrorLine) {
-    host.addFakeTool(ToolDir::Path, rpmWith("multipath-tools-0.9.4-3\\n"));
-    host.hideSbinTool("multipath");
-    RunResult r = run({"--table"});
-    EXPECT_EQ(r.exitStatus, 173) << r.describe();
-    ASSERT_EQ(lines(r.err).size(), 1u) << r.err;
-    EXPECT_NE(r.err.find("STA0523E "), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("/sbin/multipath"), std::string::npos) << r.err;
-}
-
 TEST_F(TopologyE2eTest, FailIfNoPathSwitchesQueueingMaps) {
-    std::string tables = host.makeHostDir("tables");
-    std::ofstream(tables + "/mpatha") << fixture("dmsetup-table.queueing.stdout");
-    std::ofstream(tables + "/mpathb") << fixture("dmsetup-table.plain.stdout");
-    std::ofstream(tables + "/ls") << fixture("dmsetup-ls.two-maps.stdout") << "vg0-lv_root\t(254:0)\n";
-    host.addFakeTool(ToolDir::Path, rpmWith("multipath-tools-0.9.4-3\\n"));
-    host.addFakeTool(ToolDir::Sbin, {"dmsetup", "", 0, "",
-                                     "case \"$1\" in\nls) cat " + tables + "/ls ;;\ntable) cat " + tables +
-                                         "/\"$2\" ;;\nesac"});
+    const std::string tables = host.makeHostDir("tables");
+    testfiles::writeFile(tables + "/mpatha", fixture("dmsetup-table.queueing.stdout"));
+    testfiles::writeFile(tables + "/mpathb", fixture("dmsetup-table.plain.stdout"));
+    testfiles::writeFile(tables + "/ls", fixture("dmsetup-ls.two-maps.stdout") + "vg0-lv_root\t(254:0)\n");
+    installRpm(&host, kWithTools);
+    host.addFakeTool("dmsetup", "case \"$1\" in\nls) cat " + tables + "/ls ;;\ntable) cat " + tables + "/\"$2\" ;;\nesac");
     RunResult r = run({"--fail-if-no-path"});
     EXPECT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(r.out, "mpatha: switched to fail_if_no_path\nmpathb: not queueing, left alone\n");
@@ -193,36 +156,19 @@ TEST_F(TopologyE2eTest, FailIfNoPathSwitchesQueueingMaps) {
     EXPECT_EQ(host.toolCalls("dmsetup"), (Lines{"ls", "table mpatha", "message mpatha 0 fail_if_no_path", "table mpathb"}));
 }
 
-TEST_F(TopologyE2eTest, FailIfNoPathWithoutMaps) {
-    host.addFakeTool(ToolDir::Path, rpmWith("multipath-tools-0.9.4-3\\n"));
-    host.addFakeTool(ToolDir::Sbin, answering("dmsetup", fixture("dmsetup-ls.no-maps.stdout")));
+TEST_F(TopologyE2eTest, FailIfNoPathWithoutMapsSaysSo) {
+    installRpm(&host, kWithTools);
+    host.addAnsweringTool("dmsetup", fixture("dmsetup-ls.no-maps.stdout"));
     RunResult r = run({"--fail-if-no-path"});
     EXPECT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(r.out, "no multipath maps\n");
     EXPECT_EQ(host.toolCalls("dmsetup"), Lines{"ls"});
 }
 
-TEST_F(TopologyE2eTest, HelpAndBadOptions) {
-    RunResult help = run({"--help"});
-    EXPECT_EQ(help.exitStatus, 0) << help.describe();
-    EXPECT_EQ(help.out.rfind("Usage: PathPlannerTopology", 0), 0u) << help.out;
-    for (const Lines& args : {Lines{"--bogus"}, Lines{"--trace"}, Lines{"json"}}) {
-        RunResult r = run(args);
-        EXPECT_EQ(r.exitStatus, 3) << r.describe();
-        EXPECT_EQ(lines(r.err).size(), 1u) << r.err;
-        EXPECT_EQ(r.out, "");
-    }
-}
-
-TEST_F(TopologyE2eTest, TraceFollowsTheDriver) {
-    installDriver();
-    RunResult r = run({"--trace", "/opt/ZOR/QLX/agent/log/topology.trace"});
-    ASSERT_EQ(r.exitStatus, 0) << r.describe();
-    std::string trace = host.readAgentFile("log/topology.trace");
-    EXPECT_NE(trace.find("Exit: getVersion(), multipath driver version: multipath-tools-0.9.4-3\n"), std::string::npos)
-        << trace;
-    EXPECT_NE(trace.find("Found Path sdd: host=1, channel=0, target=0, lun=1\n"), std::string::npos) << trace;
-    EXPECT_NE(trace.find("Exit: MultipathDMLinux::getMultipathConfig()\n"), std::string::npos) << trace;
+TEST_F(TopologyE2eTest, HelpPrintsUsage) {
+    RunResult r = run({"--help"});
+    EXPECT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_THAT(r.out, StartsWith("Usage: PathPlannerTopology"));
 }
 
 }  // namespace
