@@ -1,46 +1,31 @@
 #include "Common/comutils.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "gtest/gtest.h"
+#include "tests/support/TestFiles.h"
 
 namespace {
 
+using testfiles::readFile;
+using testfiles::writeFile;
+
 class ComutilsTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char dir[] = "/tmp/comutilsXXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(dir));
-        root_ = dir;
-    }
-    void TearDown() override { std::system(("rm -rf '" + root_ + "'").c_str()); }
-    void write(const std::string& rel, const std::string& text) {
-        std::ofstream(root_ + "/" + rel) << text;
-    }
-    std::string read(const std::string& rel) {
-        std::ifstream in(root_ + "/" + rel);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-    std::string root_;
+    testfiles::TempDir dir_;
 };
 
 TEST_F(ComutilsTest, QuotedNamesAreUnquotedOnce) {
-    write("f", "x");
-    EXPECT_TRUE(psFileExist("\"" + root_ + "/f\""));
-    EXPECT_FALSE(psFileExist(root_ + "/missing"));
-    EXPECT_EQ("\"", psUnquote("\"\"\"").substr(0, 1));
-    EXPECT_EQ("\"\"", psUnquote("\"\""));
-    EXPECT_EQ("a", psUnquote("\"a\""));
-    EXPECT_EQ(RC_OK, psRemoveFile("\"" + root_ + "/f\""));
-    EXPECT_EQ(-1, psRemoveFile(root_ + "/f"));
+    const std::pair<std::string, std::string> cases[] = {{"\"a\"", "a"}, {"\"\"\"", "\""}, {"\"\"", "\"\""}, {"\"a b", "\"a b"}};
+    for (const auto& c : cases) EXPECT_EQ(c.second, psUnquote(c.first)) << c.first;
+    writeFile(dir_.file("f"), "x");
+    EXPECT_TRUE(psFileExist("\"" + dir_.file("f") + "\""));
+    EXPECT_EQ(RC_OK, psRemoveFile("\"" + dir_.file("f") + "\""));
+    EXPECT_FALSE(psFileExist(dir_.file("f")));
+    EXPECT_EQ(-1, psRemoveFile(dir_.file("f")));
 }
 
 TEST_F(ComutilsTest, TempFilesAreNewEmptyAndDistinct) {
@@ -57,78 +42,60 @@ TEST_F(ComutilsTest, TempFilesAreNewEmptyAndDistinct) {
 }
 
 TEST_F(ComutilsTest, KernelReleaseThreshold) {
-    struct {
-        const char* release;
-        bool newer;
-    } cases[] = {{"2.6.5", true}, {"2.4.21", false}, {"3.0", true}, {"2.5.99", false},
-                 {"6.1.0-13-amd64", true}, {"", false}, {"garbage", false}};
-    for (const auto& c : cases) EXPECT_EQ(c.newer, isKernel26OrGreater(c.release)) << c.release;
+    const std::pair<const char*, bool> cases[] = {{"2.6.5", true},  {"2.4.21", false}, {"3.0", true}, {"2.5.99", false},
+                                                  {"6.1.0-13-amd64", true}, {"", false}, {"garbage", false}};
+    for (const auto& c : cases) EXPECT_EQ(c.second, isKernel26OrGreater(c.first)) << c.first;
 }
 
 TEST_F(ComutilsTest, DirectoryTreeCopiesAndRemovesCompletely) {
-    ASSERT_EQ(0, psMkdir(root_ + "/src"));
-    ASSERT_EQ(0, psMkdir(root_ + "/src/sub"));
-    ASSERT_EQ(0, psMkdir(root_ + "/src/sub/deeper"));
-    write("src/a", "alpha");
-    write("src/sub/deeper/b", std::string(200000, 'b'));
-    EXPECT_FALSE(psIsDirectoryEmpty(root_ + "/src"));
-    ASSERT_EQ(RC_OK, psCopyDirectoryTree(root_ + "/src", root_ + "/copy/of/src"));
-    EXPECT_EQ("alpha", read("copy/of/src/a"));
-    EXPECT_EQ(200000u, read("copy/of/src/sub/deeper/b").size());
+    const std::string src = dir_.file("src");
+    ASSERT_EQ(0, psMkdir(src));
+    ASSERT_EQ(0, psMkdir(src + "/sub"));
+    ASSERT_EQ(0, psMkdir(src + "/sub/deeper"));
+    writeFile(src + "/a", "alpha");
+    writeFile(src + "/sub/deeper/b", std::string(200000, 'b'));
+    ASSERT_EQ(RC_OK, psCopyDirectoryTree(src, dir_.file("copy/of/src")));
+    EXPECT_EQ("alpha", readFile(dir_.file("copy/of/src/a")));
+    EXPECT_EQ(200000u, readFile(dir_.file("copy/of/src/sub/deeper/b")).size());
     std::vector<std::string> files, dirs;
-    psListDirectoryFiles(root_ + "/src", &files);
-    psListDirectories(root_ + "/src", &dirs);
+    psListDirectoryFiles(src, &files);
+    psListDirectories(src, &dirs);
     EXPECT_EQ(std::vector<std::string>{"a"}, files);
     EXPECT_EQ(std::vector<std::string>{"sub"}, dirs);
-    EXPECT_EQ(RC_OK, psRemoveDirectoryTree(root_ + "/src"));
-    EXPECT_FALSE(psFileExist(root_ + "/src"));
-    ASSERT_EQ(0, psMkdir(root_ + "/empty"));
-    EXPECT_TRUE(psIsDirectoryEmpty(root_ + "/empty"));
+    EXPECT_FALSE(psIsDirectoryEmpty(src));
+    EXPECT_EQ(RC_OK, psRemoveDirectoryTree(src));
+    EXPECT_FALSE(psFileExist(src));
+    ASSERT_EQ(0, psMkdir(dir_.file("empty")));
+    EXPECT_TRUE(psIsDirectoryEmpty(dir_.file("empty")));
 }
 
 TEST_F(ComutilsTest, CopyFileRefusesMissingAndRelativeNames) {
-    write("a", "x");
-    EXPECT_NE(RC_OK, copyFile("", root_ + "/b"));
-    EXPECT_NE(RC_OK, copyFile("relative/a", root_ + "/b"));
-    EXPECT_NE(RC_OK, copyFile(root_ + "/missing", root_ + "/b"));
-    EXPECT_EQ(RC_OK, copyFile(root_ + "/a", root_ + "/new/dir/b"));
-    EXPECT_EQ("x", read("new/dir/b"));
+    writeFile(dir_.file("a"), "x");
+    for (const std::string& from : {std::string(), std::string("relative/a"), dir_.file("missing")}) {
+        EXPECT_NE(RC_OK, copyFile(from, dir_.file("b"))) << from;
+    }
+    EXPECT_EQ(RC_OK, copyFile(dir_.file("a"), dir_.file("new/dir/b")));
+    EXPECT_EQ("x", readFile(dir_.file("new/dir/b")));
 }
 
-TEST_F(ComutilsTest, TextHelpers) {
-    std::string text = "\t\r\n  word with blanks \f\n";
+TEST_F(ComutilsTest, TrimAndHexText) {
+    std::string text = "\t\r\n  word with blanks \f\n", blank = " \t ";
     EXPECT_EQ("word with blanks", psTrim(text));
-    std::string blank = " \t ";
     EXPECT_EQ("", psTrim(blank));
-    std::string mixed = "MultiPath-9";
-    psToUpper(&mixed);
-    EXPECT_EQ("MULTIPATH-9", mixed);
-    psToLower(&mixed);
-    EXPECT_EQ("multipath-9", mixed);
     const unsigned char bytes[] = {0x00, 0x0f, 0xab, 0xff};
     EXPECT_EQ("000fabff", psHexText(bytes, sizeof(bytes)));
-    EXPECT_EQ("qlxna.cat", getMessageCatalogName());
 }
 
 TEST_F(ComutilsTest, ExecutableSearchFollowsPath) {
-    write("tool", "#!/bin/sh\n");
-    chmod((root_ + "/tool").c_str(), 0755);
-    write("plain", "");
+    testfiles::writeScript(dir_.file("tool"), "");
+    writeFile(dir_.file("plain"), "");
     std::string oldPath = getenv("PATH");
-    setenv("PATH", ("/nonexistent:" + root_).c_str(), 1);
-    EXPECT_EQ(root_ + "/tool", psFindExecutable("tool"));
+    setenv("PATH", ("/nonexistent:" + dir_.path()).c_str(), 1);
+    EXPECT_EQ(dir_.file("tool"), psFindExecutable("tool"));
     EXPECT_EQ("", psFindExecutable("plain"));
     EXPECT_EQ("", psFindExecutable("missing"));
     setenv("PATH", oldPath.c_str(), 1);
     EXPECT_EQ("/bin/sh", psFindExecutable("/bin/sh"));
-}
-
-TEST_F(ComutilsTest, DiskSpaceOfAnExistingPath) {
-    DiskSpaceInfo info{0, 0};
-    ASSERT_EQ(0, psGetDiskSpaceInfo(root_, &info));
-    EXPECT_GT(info.totalBytes, 0u);
-    EXPECT_LE(info.availableBytes, info.totalBytes);
-    EXPECT_NE(0, psGetDiskSpaceInfo(root_ + "/missing", &info));
 }
 
 }  // namespace
