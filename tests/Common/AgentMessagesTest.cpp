@@ -12,17 +12,16 @@ namespace {
 
 const std::string kNlsDir = std::string(PP_BINARY_DIR) + "/nls";
 
+// Starts the message layer afresh on the catalogues the build made.
+int32_t restartMessages(const std::string& locale) {
+    endMessages();
+    nlSetLanguage("");
+    return initMessages(kNlsDir, "", "qlxna.cat", locale);
+}
+
 class AgentMessagesTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        endMessages();
-        nlSetLanguage("");
-        ASSERT_EQ(0, initMessages(kNlsDir, "", "qlxna.cat", "en_US"));
-    }
-    void TearDown() override {
-        endMessages();
-        nlSetLanguage("");
-    }
+    void SetUp() override { ASSERT_EQ(0, restartMessages("en_US")); }
 };
 
 TEST_F(AgentMessagesTest, MessagesCarryTheirKeyAndInserts) {
@@ -66,8 +65,7 @@ TEST_F(AgentMessagesTest, OutputOperationsReachTheirDestinations) {
 }
 
 TEST_F(AgentMessagesTest, GermanCatalogueReordersInserts) {
-    endMessages();
-    ASSERT_EQ(0, initMessages(kNlsDir, "", "qlxna.cat", "de_DE.UTF-8"));
+    ASSERT_EQ(0, restartMessages("de_DE.UTF-8"));
     EXPECT_EQ("AGT0458I Für die Geräte mpatha mpathb wird die Pfadauswahlrichtlinie Failover eingestellt.",
               getMsg(AGT0458I, "Failover", "mpatha mpathb"));
 }
@@ -80,45 +78,15 @@ TEST_F(AgentMessagesTest, StartFailsWithoutCatalogues) {
 }
 
 TEST(CuNextWordTest, LengthIsEndIndex) {
-    const struct {
-        const char* line;
-        int32_t pos;
-        const char* word;
-        int32_t newPos;
-    } cases[] = {
-        {"  abc def", 0, "abc d", 5}, {"  abc def", 5, "def", 9}, {"  abc def", 9, "", 9},
-        {"word", 0, "word", 4},       {"   ", 1, "", 1},          {"a b", 17, "", 17},
-        {"a b", -3, "", -3},
-    };
+    // The word takes as many characters as the index it ends at, so a later word runs on past its end.
+    const struct { const char* line; int32_t pos; const char* word; int32_t newPos; } cases[] = {
+        {"  abc def", 0, "abc d", 5}, {"  abc def", 5, "def", 9}, {"  abc def", 9, "", 9}, {"word", 0, "word", 4},
+        {"   ", 1, "", 1}, {"a b", 17, "", 17}, {"a b", -3, "", -3}};
     for (const auto& c : cases) {
         int32_t pos = c.pos;
         EXPECT_EQ(c.word, cuNextWord(c.line, &pos)) << c.line << " @" << c.pos;
         EXPECT_EQ(c.newPos, pos) << c.line << " @" << c.pos;
     }
-}
-
-TEST(CuMsgOutTest, WritesExactLengthOrFails) {
-    testfiles::TempDir dir;
-    EXPECT_EQ(RC_OK, cuMsgOut("abcdef", 3, false, dir.file("out")));
-    EXPECT_EQ("abc", testfiles::readFile(dir.file("out")));
-    EXPECT_EQ(RC_FILE_OPEN_FAILED, cuMsgOut("abc", 3, false, dir.file("no/such/dir/f")));
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(RC_OK, cuMsgOut("to stderr", 2, true, ""));
-    EXPECT_EQ("to stderr", testing::internal::GetCapturedStderr());
-}
-
-TEST(StringHelperTest, ConvertsOrThrowsWithSizes) {
-    wchar_t buf[8];
-    EXPECT_EQ(3u, StringHelper::string_to_wchar_t("abc", buf, 7));
-    EXPECT_EQ(std::wstring(L"abc"), std::wstring(buf));
-    std::string error;
-    try {
-        StringHelper::string_to_wchar_t("abcdefghij", buf, 7);
-    } catch (const std::string& e) {
-        error = e;
-    }
-    EXPECT_EQ("StringHelper::string_to_wchar_t() : ERROR: The given string requires a buffer size of 10 bytes, "
-              "but the provided buffer only has 7 bytes reserved.", error);
 }
 
 }  // namespace

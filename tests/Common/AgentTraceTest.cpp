@@ -1,5 +1,3 @@
-// The agent's trace set-up: size rule, debug modes, record prefix, thread banner
-// and the string guards.
 #include "Common/AgentTrace.h"
 
 #include <gmock/gmock.h>
@@ -14,7 +12,6 @@
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-using ::testing::Not;
 
 namespace {
 

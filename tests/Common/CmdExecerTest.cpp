@@ -11,12 +11,7 @@ namespace {
 using testfiles::fileExists;
 
 TEST(CmdExecerTest, CommandQuotesProgramAndAppendsToCaptureFiles) {
-    const struct {
-        std::vector<std::string> args;
-        std::string out, err;
-        bool noQuote;
-        std::string command;
-    } cases[] = {
+    const struct { std::vector<std::string> args; std::string out, err; bool noQuote; std::string command; } cases[] = {
         {{"/bin/echo", "a", "b c"}, "/tmp/out", "/tmp/err", false, "\"/bin/echo\" a b c >>/tmp/out 2>>/tmp/err"},
         {{"/bin/true"}, "/tmp/o", "/tmp/e", true, "/bin/true >>/tmp/o 2>>/tmp/e"},
         {{"/bin/true"}, "\"/tmp/a b\"", "/tmp/plain", false, "\"/bin/true\" >>\"/tmp/a b\" 2>>/tmp/plain"},
@@ -44,12 +39,7 @@ TEST(CmdExecerTest, TemporaryCaptureFilesAreDistinctAndDeleted) {
 }
 
 TEST(CmdExecerTest, ExitCodesAndCapturedStreams) {
-    const struct {
-        const char* script;
-        int32_t result;
-        const char* out;
-        const char* err;
-    } cases[] = {
+    const struct { const char* script; int32_t result; const char* out; const char* err; } cases[] = {
         {"exit 0", 0, "", ""},
         {"echo hello; exit 3", 3, "hello\n", ""},
         {"echo oops >&2; exit 255", 255, "", "oops\n"},

@@ -27,31 +27,11 @@ protected:
     std::string next(LogPurgeSettings* settings, bool checkSize) {
         return getNextLogName(*settings, dir_.path(), "multipath", ".log", checkSize);
     }
-    // Purges multipath_000001.log and on, aged as given; returns the numbers left on disk.
-    std::vector<int32_t> purge(const LogPurgeSettings& settings, const std::vector<time_t>& ages, bool useAge,
-                               std::vector<int32_t>* keys) {
-        clear();
-        std::map<int32_t, std::string> files;
-        for (int32_t i = 1; i <= static_cast<int32_t>(ages.size()); ++i) {
-            files[i] = dir_.file("multipath_00000" + std::to_string(i) + ".log");
-            make(files[i].substr(dir_.path().size() + 1), 0, ages[i - 1]);
-        }
-        purgeLogFiles(settings, files, useAge);
-        for (const auto& file : files) keys->push_back(file.first);
-        std::vector<int32_t> kept;
-        for (int32_t i = 1; i <= static_cast<int32_t>(ages.size()); ++i) {
-            if (testfiles::fileExists(dir_.file("multipath_00000" + std::to_string(i) + ".log"))) kept.push_back(i);
-        }
-        return kept;
-    }
     testfiles::TempDir dir_;
 };
 
 TEST_F(LogUtilTest, NextNameFollowsTheHighestNumber) {
-    const struct {
-        std::vector<std::string> files;
-        std::string next;
-    } cases[] = {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{}, "multipath_000001.log"},
         {{"multipath_000003.log", "multipath_000007.log"}, "multipath_000008.log"},
         {{"multipath_00a009.log", "multipath_000002.log"}, "multipath_000003.log"},
@@ -68,47 +48,31 @@ TEST_F(LogUtilTest, NextNameFollowsTheHighestNumber) {
     };
     for (const auto& c : cases) {
         clear();
-        for (const std::string& file : c.files) make(file);
+        for (const std::string& file : c.first) make(file);
         LogPurgeSettings settings;
-        EXPECT_EQ(c.next, next(&settings, false)) << c.next;
-        EXPECT_TRUE(settings.newLogStarted) << c.next;
+        EXPECT_EQ(c.second, next(&settings, false)) << c.second;
+        EXPECT_TRUE(settings.newLogStarted) << c.second;
     }
 }
 
 TEST_F(LogUtilTest, SizeLimitDecidesWhetherTheLastFileGoesOn) {
-    const struct {
-        const char* label;
-        int64_t size;
-        int32_t maxSizeKB;
-        bool goesOn;
-    } cases[] = {
-        {"exactly 1 KB of room", 3072, 4, true},
-        {"1 KB and a byte of room", 3071, 4, true},
-        {"one byte short of 1 KB", 3073, 4, false},
-        {"full", 4096, 4, false},
-        {"no limit at all", 0, 0, false},
-        // Only the low 32 bits of the size count: 4 GB and 100 bytes looks like 100 bytes.
-        {"4 GB wraps", (int64_t{4} << 30) + 100, 4, true},
-        // A limit of 2 GB and more is negative in 32 bits: even an empty file is "full".
-        {"3 GB limit wraps", 0, 3000000, false},
+    const struct { int64_t size; int32_t maxSizeKB; bool goesOn; } cases[] = {
+        {3072, 4, true}, {3071, 4, true}, {3073, 4, false}, {4096, 4, false},  // 1 KB of room is enough
+        {0, 0, false},                                                        // no limit at all
+        {(int64_t{4} << 30) + 100, 4, true},  // only the low 32 bits count: 4 GB and 100 bytes looks like 100
+        {0, 3000000, false},  // a limit of 2 GB and more is negative in 32 bits: even an empty file is "full"
+        {-1, 1024, false},    // the size cannot be read
     };
     for (const auto& c : cases) {
         clear();
         make("multipath_000002.log");
-        make("multipath_000005.log", c.size);
+        if (c.size < 0) symlink(dir_.file("gone").c_str(), dir_.file("multipath_000005.log").c_str());
+        if (c.size >= 0) make("multipath_000005.log", c.size);
         LogPurgeSettings settings;
         settings.maxSize = c.maxSizeKB;
-        EXPECT_EQ(c.goesOn ? "multipath_000005.log" : "multipath_000006.log", next(&settings, true)) << c.label;
-        EXPECT_EQ(!c.goesOn, settings.newLogStarted) << c.label;
+        EXPECT_EQ(c.goesOn ? "multipath_000005.log" : "multipath_000006.log", next(&settings, true)) << c.size;
+        EXPECT_EQ(!c.goesOn, settings.newLogStarted) << c.size << " bytes, " << c.maxSizeKB << " KB";
     }
-}
-
-TEST_F(LogUtilTest, UnreadableSizeOrDirectoryStartsANewFile) {
-    ASSERT_EQ(0, symlink(dir_.file("gone").c_str(), dir_.file("multipath_000003.log").c_str()));
-    LogPurgeSettings settings;
-    settings.maxSize = 1024;
-    EXPECT_EQ("multipath_000004.log", next(&settings, true));
-    EXPECT_TRUE(settings.newLogStarted);
     LogPurgeSettings none;
     EXPECT_EQ("multipath_000001.log", getNextLogName(none, dir_.file("none"), "multipath", ".log", true));
 }
@@ -123,48 +87,49 @@ TEST_F(LogUtilTest, JobFormMatchesNumberAfterJobNameAndComponentAfterUnderscore)
     EXPECT_TRUE(getMatchingFilesMap(dir_.file("none"), "probe", 3, "disk").empty());
 }
 
-TEST_F(LogUtilTest, CountRuleDeletesTheLowestNumbers) {
+TEST_F(LogUtilTest, PurgeKeepsTheNewestByCountAndDropsOldFilesByAge) {
+    const time_t day = 86400;
+    const std::vector<time_t> fresh(3, 0), aged = {10 * day, 10 * day, 4 * day, 0};
     const struct {
-        int32_t files, limit;
-        bool newLogStarted;
-        std::vector<int32_t> kept;
+        std::vector<time_t> ages;
+        bool useAge, newLogStarted;
+        int32_t plainLimit, agedLimit, maxDays;
+        std::vector<int32_t> kept, keys;
     } cases[] = {
-        {3, 2, true, {3}}, {3, 2, false, {2, 3}}, {3, 3, false, {1, 2, 3}}, {3, 4, true, {1, 2, 3}}, {3, 0, true, {}},
-        {0, 0, true, {}},
-    };
-    for (const auto& c : cases) {
-        LogPurgeSettings settings;
-        settings.countLimitPlain = c.limit;
-        settings.countLimitAged = 100;
-        settings.newLogStarted = c.newLogStarted;
-        std::vector<int32_t> keys;
-        EXPECT_EQ(c.kept, purge(settings, std::vector<time_t>(c.files, 0), false, &keys)) << c.limit;
-        EXPECT_EQ(c.kept, keys) << c.limit;
-    }
-}
-
-TEST_F(LogUtilTest, AgeRuleDeletesOldFilesThatStillCount) {
-    const struct {
-        bool useAge;
-        int32_t maxDays;
-        std::vector<int32_t> kept;
-        size_t mapSize;
-    } cases[] = {
+        // A new log takes one of the places.
+        {fresh, false, true, 2, 100, 0, {3}, {3}},
+        {fresh, false, false, 2, 100, 0, {2, 3}, {2, 3}},
+        {fresh, false, false, 3, 100, 0, {1, 2, 3}, {1, 2, 3}},
+        {fresh, false, true, 4, 100, 0, {1, 2, 3}, {1, 2, 3}},
+        {fresh, false, true, 0, 100, 0, {}, {}},
+        {{}, false, true, 0, 100, 0, {}, {}},
         // Age takes 1 and 2; the count rule (aged limit 3) then "deletes" 1 again,
         // so two files are left where the limit would allow three.
-        {true, 5, {3, 4}, 3},
-        {true, 11, {2, 3, 4}, 3},
-        {true, 0, {2, 3, 4}, 3},
-        {false, 5, {4}, 1},  // no age rule; the plain limit is 1
+        {aged, true, false, 1, 3, 5, {3, 4}, {2, 3, 4}},
+        {aged, true, false, 1, 3, 11, {2, 3, 4}, {2, 3, 4}},
+        {aged, true, false, 1, 3, 0, {2, 3, 4}, {2, 3, 4}},
+        {aged, false, false, 1, 3, 5, {4}, {4}},
     };
     for (const auto& c : cases) {
+        clear();
+        std::map<int32_t, std::string> files;
+        for (int32_t i = 1; i <= static_cast<int32_t>(c.ages.size()); ++i) {
+            make("multipath_00000" + std::to_string(i) + ".log", 0, c.ages[i - 1]);
+            files[i] = dir_.file("multipath_00000" + std::to_string(i) + ".log");
+        }
         LogPurgeSettings settings;
-        settings.countLimitAged = 3;
-        settings.countLimitPlain = 1;
+        settings.countLimitPlain = c.plainLimit;
+        settings.countLimitAged = c.agedLimit;
         settings.maxDays = c.maxDays;
-        std::vector<int32_t> keys;
-        EXPECT_EQ(c.kept, purge(settings, {10 * 86400, 10 * 86400, 4 * 86400, 0}, c.useAge, &keys)) << c.maxDays;
-        EXPECT_EQ(c.mapSize, keys.size()) << c.useAge << " " << c.maxDays;
+        settings.newLogStarted = c.newLogStarted;
+        purgeLogFiles(settings, files, c.useAge);
+        std::vector<int32_t> kept, keys;
+        for (int32_t i = 1; i <= static_cast<int32_t>(c.ages.size()); ++i) {
+            if (testfiles::fileExists(dir_.file("multipath_00000" + std::to_string(i) + ".log"))) kept.push_back(i);
+        }
+        for (const auto& file : files) keys.push_back(file.first);
+        EXPECT_EQ(c.kept, kept) << c.ages.size() << " files, limit " << c.plainLimit << ", " << c.maxDays << " days";
+        EXPECT_EQ(c.keys, keys) << c.ages.size() << " files, limit " << c.plainLimit << ", " << c.maxDays << " days";
     }
 }
 
