@@ -113,7 +113,6 @@ TEST_F(CmdArgsTest, AgentModesReadCommandAndGeneralOptions) {
     const struct { Words words; uint32_t mode; int32_t rc, commandCode; std::string commandName; } cases[] = {
         {{"-pathPlanner", "-installLoc", "/x", "-multipath", "5;d"}, 0, RC_OK, 42, "PATHPLANNER"},
         {{"-COPYFILE", "a.txt", "-force", "-jobrunnumber", "12"}, 0, RC_OK, 1, "COPYFILE"},
-        {{"-version", "-passphrase", "p", "-migration"}, 0, RC_OK, 30, "VERSION"},
         {{}, 0, RC_NO_COMMAND, 0, ""},
         {{"pathPlanner"}, 0, RC_NO_COMMAND, 0, ""},
         {{"-nosuchcommand"}, 0, RC_NO_COMMAND, 0, ""},
@@ -128,11 +127,6 @@ TEST_F(CmdArgsTest, AgentModesReadCommandAndGeneralOptions) {
         EXPECT_EQ(c.commandName, args.commandName) << PrintToString(c.words);
     }
     EXPECT_TRUE(args_->multipathOptions.empty());
-    CmdArgs& args = line({"-pathPlanner", "-installLoc", "/x", "-JobRunNumber", "12", "-multipath", "5;d"}, 3);
-    ASSERT_EQ(RC_OK, args.parse());
-    EXPECT_EQ("/x", args.installLoc);
-    EXPECT_EQ(12, args.jobRunNumber);
-    EXPECT_EQ((Words{"5", "d"}), args.multipathOptions);
 }
 
 TEST_F(CmdArgsTest, InstallLocAndRunNumbersSettleTheFiles) {

@@ -56,41 +56,34 @@ void expectAllLines(std::vector<std::string> lines, int writers, int perWriter) 
 }
 
 TEST_F(LogManagerTest, LineCarriesStampAndOneNewline) {
-    const struct { const char* message; std::string written; } cases[] = {{"AGT0429I PathPlanner started", "AGT0429I PathPlanner started\n"},
-                 {"AGT0430I done\n", "AGT0430I done\n"}, {"first\nsecond", "first\nsecond\n"},
-                 {"blank after\n\n", "blank after\n\n"}, {"", "\n"}, {nullptr, "\n"}};
+    const std::pair<const char*, std::string> cases[] = {
+        {"AGT0429I PathPlanner started", "AGT0429I PathPlanner started\n"}, {"AGT0430I done\n", "AGT0430I done\n"},
+        {"first\nsecond", "first\nsecond\n"}, {"blank after\n\n", "blank after\n\n"}, {"", "\n"}, {nullptr, "\n"}};
     LogManager log(log_);
     for (const auto& c : cases) {
         unlink(log_.c_str());
-        ASSERT_EQ(RC_OK, log.LogActivityLog(c.message));
+        ASSERT_EQ(RC_OK, log.LogActivityLog(c.first));
         std::string text = readFile(log_);
         EXPECT_TRUE(std::regex_search(text, kStamp)) << text;
-        EXPECT_EQ(c.written, text.substr(24)) << (c.message ? c.message : "<null>");
+        EXPECT_EQ(c.second, text.substr(24)) << (c.first ? c.first : "<null>");
     }
 }
 
-TEST_F(LogManagerTest, AppendsAndFollowsRename) {
+TEST_F(LogManagerTest, AppendsFollowsRenameAndSurvivesUnusablePaths) {
+    EXPECT_EQ(RC_LOG_NO_NAME, LogManager("").LogActivityLog("lost"));
     LogManager log(log_);
     ASSERT_EQ(RC_OK, log.LogActivityLog("one"));
     ASSERT_EQ(RC_OK, log.LogActivityLog("two"));
+    log.setLogName(dir_.file("missing/multipath.log"));
+    EXPECT_EQ(RC_LOG_OPEN_FAILED, log.LogActivityLog("lost"));
+    EXPECT_FALSE(testfiles::fileExists(dir_.file("missing")));
+    ASSERT_EQ(0, mkdir(dir_.file("directory").c_str(), 0755));
+    log.setLogName(dir_.file("directory"));
+    EXPECT_EQ(RC_LOG_OPEN_FAILED, log.LogActivityLog("lost"));
     log.setLogName(dir_.file("multipath_000002.log"));
     ASSERT_EQ(RC_OK, log.LogActivityLog("three"));
     EXPECT_EQ((std::vector<std::string>{"one", "two"}), messages(log_));
     EXPECT_EQ(std::vector<std::string>{"three"}, messages(dir_.file("multipath_000002.log")));
-}
-
-TEST_F(LogManagerTest, UnusableLogPathReturnsItsCodeAndRecovers) {
-    EXPECT_EQ(RC_LOG_NO_NAME, LogManager("").LogActivityLog("lost"));
-    LogManager log(log_);
-    ASSERT_EQ(0, mkdir(log_.c_str(), 0755));
-    EXPECT_EQ(RC_LOG_OPEN_FAILED, log.LogActivityLog("lost"));
-    log.setLogName(dir_.file("missing/multipath.log"));
-    EXPECT_EQ(RC_LOG_OPEN_FAILED, log.LogActivityLog("lost"));
-    EXPECT_FALSE(testfiles::fileExists(dir_.file("missing")));
-    rmdir(log_.c_str());
-    log.setLogName(log_);
-    EXPECT_EQ(RC_OK, log.LogActivityLog("after"));
-    EXPECT_EQ(std::vector<std::string>{"after"}, messages(log_));
 }
 
 TEST_F(LogManagerTest, WrappingLogAtThePathBecomesPlain) {

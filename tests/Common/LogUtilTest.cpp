@@ -77,16 +77,6 @@ TEST_F(LogUtilTest, SizeLimitDecidesWhetherTheLastFileGoesOn) {
     EXPECT_EQ("multipath_000001.log", getNextLogName(none, dir_.file("none"), "multipath", ".log", true));
 }
 
-TEST_F(LogUtilTest, JobFormMatchesNumberAfterJobNameAndComponentAfterUnderscore) {
-    for (const char* name : {"probe-0007_disk.log", "probe-0012_disk", "probe-0009_tape.log", "probe-00x7_disk.log",
-                             "other-0003_disk.log", "probe_0005_disk.log", "probe-0004"}) {
-        make(name);
-    }
-    std::map<int32_t, std::string> expected = {{7, dir_.file("probe-0007_disk.log")}, {12, dir_.file("probe-0012_disk")}};
-    EXPECT_EQ(expected, getMatchingFilesMap(dir_.path(), "probe", 3, "disk"));
-    EXPECT_TRUE(getMatchingFilesMap(dir_.file("none"), "probe", 3, "disk").empty());
-}
-
 TEST_F(LogUtilTest, PurgeKeepsTheNewestByCountAndDropsOldFilesByAge) {
     const time_t day = 86400;
     const std::vector<time_t> fresh(3, 0), aged = {10 * day, 10 * day, 4 * day, 0};

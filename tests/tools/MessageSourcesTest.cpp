@@ -81,7 +81,6 @@ std::set<int> issuedLibraryNumbers() {
     std::set<int> numbers;
     const std::regex call(R"(\bnlIssue\(\s*(\w+))");
     for (const char* dir : {"BKVlib", "Common", "Multipath", "PathPlanner"}) {
-        if (!fs::exists(kRoot / dir)) continue;
         for (const auto& entry : fs::recursive_directory_iterator(kRoot / dir)) {
             if (entry.path().extension() != ".cpp") continue;
             std::string code = readFile(entry.path());

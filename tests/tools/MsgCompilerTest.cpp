@@ -37,7 +37,7 @@ TEST(MsgCompilerTest, ParsesSourceWithCommentsEscapesAndContinuations) {
     EXPECT_EQ(4, messages[1].line);
 }
 
-TEST(MsgCompilerTest, RejectsBadSourceLines) {
+TEST(MsgCompilerTest, RejectsBadSourceLinesAndInsertSets) {
     for (const char* line : {"x AGT0001I text\n", "0 AGT0001I text\n", "70000 AGT0001I text\n", "1 AG0001I text\n",
                              "1 AGT001I text\n", "1 agt0001I text\n", "1 AGT0001I bad \\q\n", "1 AGT0001I ctrl \x10\n",
                              "1 AGT0001I dc2 \x12\n"}) {
@@ -45,6 +45,12 @@ TEST(MsgCompilerTest, RejectsBadSourceLines) {
         std::string error;
         EXPECT_FALSE(msgc::parseSource(line, "s.txt", &messages, &error)) << line;
         EXPECT_EQ(0u, error.find("s.txt:1: ")) << error;
+    }
+    for (const char* text : {"%1$s %s", "%1$s %1$s", "%2$s", "%3$s %1$s", "%1$*d", "%n", "%q",
+                             "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d"}) {
+        std::string body, error;
+        EXPECT_FALSE(msgc::compileText(text, true, &body, &error)) << text;
+        EXPECT_FALSE(error.empty()) << text;
     }
 }
 
@@ -61,28 +67,19 @@ TEST(MsgCompilerTest, OrderedFormSurvivesTheCatalogueRoundTrip) {
     EXPECT_EQ("disk has 3", expandStored(msgc::storedText("AGT0002I", body, "t"), 8, "disk", 3));
 }
 
-TEST(MsgCompilerTest, RejectsBadInsertSets) {
-    for (const char* text : {"%1$s %s", "%1$s %1$s", "%2$s", "%3$s %1$s", "%1$*d", "%n", "%q",
-                             "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d"}) {
-        std::string body, error;
-        EXPECT_FALSE(msgc::compileText(text, true, &body, &error)) << text;
-        EXPECT_FALSE(error.empty()) << text;
-    }
-}
-
 TEST(MsgCompilerTest, TranslationMustKeepIdentifier) {
     std::map<uint16_t, msgc::SourceMessage> catalogue;
-    std::vector<msgc::SourceMessage> en, de, other, twice;
     std::string error;
-    ASSERT_TRUE(msgc::parseSource("5 AGT0005I five\n", "en", &en, &error));
-    ASSERT_TRUE(msgc::parseSource("5 AGT0005I fünf\n", "de", &de, &error));
-    ASSERT_TRUE(msgc::parseSource("5 AGT0006I six\n", "x", &other, &error));
-    ASSERT_TRUE(msgc::parseSource("7 AGT0007I a\n7 AGT0007I b\n", "y", &twice, &error));
-    ASSERT_TRUE(msgc::mergeSource(en, "en", &catalogue, &error));
-    ASSERT_TRUE(msgc::mergeSource(de, "de", &catalogue, &error)) << error;
+    auto merge = [&](const std::string& source) {
+        std::vector<msgc::SourceMessage> messages;
+        EXPECT_TRUE(msgc::parseSource(source, "s.txt", &messages, &error)) << error;
+        return msgc::mergeSource(messages, "s.txt", &catalogue, &error);
+    };
+    ASSERT_TRUE(merge("5 AGT0005I five\n")) << error;
+    ASSERT_TRUE(merge("5 AGT0005I fünf\n")) << error;
     EXPECT_EQ("fünf", catalogue[5].text);
-    EXPECT_FALSE(msgc::mergeSource(other, "x", &catalogue, &error));
-    EXPECT_FALSE(msgc::mergeSource(twice, "y", &catalogue, &error));
+    EXPECT_FALSE(merge("5 AGT0006I six\n"));
+    EXPECT_FALSE(merge("7 AGT0007I a\n7 AGT0007I b\n"));
 }
 
 TEST(MsgCompilerTest, GencatLineEscapesControlBytes) {

@@ -14,21 +14,11 @@ namespace {
 using testfiles::exitCodeOf;
 using testfiles::readFile;
 
-// Runs argv through the shell, both streams in the files of info (fresh temporary
-// ones when empty); returns the child's exit code and leaves the files for reading.
-int32_t runShell(const char* const argv[], SpawnInfo* info, bool quoteArgs = false, bool append = false) {
+// Runs argv through the shell with both streams in the files of info; returns the exit code.
+int32_t runShell(const char* const argv[], SpawnInfo* info, bool append = false) {
     int32_t code = -1;
-    if (SpawnExternalProgram(argv, info, true, quoteArgs, append, nullptr) != RC_OK) return -2;
+    if (SpawnExternalProgram(argv, info, true, false, append, nullptr) != RC_OK) return -2;
     return WaitForExternalProgram(info, &code, 0) == RC_OK ? code : -3;
-}
-
-std::string outputOf(const char* const argv[], bool quoteArgs) {
-    testfiles::TempDir dir;
-    SpawnInfo info;
-    info.outFile = dir.file("out");
-    info.errFile = dir.file("err");
-    runShell(argv, &info, quoteArgs);
-    return readFile(info.outFile);
 }
 
 TEST(SpawnTaskTest, StatusCharacterOnPipeGivesResult) {
@@ -68,21 +58,7 @@ TEST(SpawnCommandTextTest, SemicolonOutsideQuotesKeepsCommandList) {
     for (const auto& c : cases) EXPECT_EQ(c.text, psSpawnCommandText(c.argv.data(), c.quoteArgs)) << c.text;
 }
 
-TEST(SpawnExternalProgramTest, ShellRunsCommandListOrQuotedProgram) {
-    const char* list[] = {"echo one; echo two", nullptr};
-    EXPECT_EQ("one\ntwo\n", outputOf(list, false));
-    const char* spaced[] = {"/bin/echo", "a  b", nullptr};
-    EXPECT_EQ("a  b\n", outputOf(spaced, true));
-    // Wrapped whole, the text names a program that does not exist.
-    const char* quoted[] = {"echo \"x;y\"", nullptr};
-    SpawnInfo info;
-    EXPECT_EQ(127, runShell(quoted, &info));
-    EXPECT_EQ("", readFile(info.outFile));
-    unlink(info.outFile.c_str());
-    unlink(info.errFile.c_str());
-}
-
-TEST(SpawnExternalProgramTest, RedirectAppendsOrTruncates) {
+TEST(SpawnExternalProgramTest, CommandListOutputIsAppendedOrTruncated) {
     const char* argv[] = {"echo new; echo oops >&2", nullptr};
     testfiles::TempDir dir;
     for (bool append : {true, false}) {
@@ -91,7 +67,7 @@ TEST(SpawnExternalProgramTest, RedirectAppendsOrTruncates) {
         info.errFile = dir.file("err");
         testfiles::writeFile(dir.file("out"), "old\n");
         testfiles::writeFile(dir.file("err"), "old\n");
-        ASSERT_EQ(0, runShell(argv, &info, false, append));
+        ASSERT_EQ(0, runShell(argv, &info, append));
         EXPECT_EQ(append ? "old\nnew\n" : "new\n", readFile(dir.file("out"))) << append;
         EXPECT_EQ(append ? "old\noops\n" : "oops\n", readFile(dir.file("err"))) << append;
     }
