@@ -39,7 +39,7 @@ TEST_F(AgentTraceTest, SizeInKilobytesBecomesWholeMegabytes) {
 TEST_F(AgentTraceTest, DebugModeChoosesTheRecords) {
     const std::pair<const char*, std::string> cases[] = {
         {"MIN", "min "}, {"MID", "min mid "}, {"max", "enter min mid max exit "}};
-    const std::pair<const char*, const char*> records[] = {{"enter", "Enter: probe()\n"}, {"min", "min record"},
+    const std::pair<const char*, const char*> kinds[] = {{"enter", "Enter: probe()\n"}, {"min", "min record"},
         {"mid", "mid record"}, {"max", "max record"}, {"exit", "Exit: probe(), rc = 0\n"}};
     for (const auto& c : cases) {
         endTrace();
@@ -51,7 +51,7 @@ TEST_F(AgentTraceTest, DebugModeChoosesTheRecords) {
         NA_TRACE_MAX("max record\n");
         NA_TRACE_EXIT("Exit: %s, rc = %d\n", "probe()", 0);
         std::string text = readFile(path_), seen;
-        for (const auto& r : records) seen += text.find(r.second) != std::string::npos ? std::string(r.first) + " " : "";
+        for (const auto& r : kinds) seen += text.find(r.second) == std::string::npos ? "" : std::string(r.first) + ' ';
         EXPECT_EQ(c.second, seen) << c.first;
     }
 }
@@ -63,8 +63,7 @@ TEST_F(AgentTraceTest, RecordsCarryProcessAndThreadAndAnotherThreadGetsABanner) 
     std::thread([] { NA_TRACE_MIN("worker says hi\n"); }).join();
     endTrace();
     std::string text = readFile(path_);
-    std::string me = std::to_string(getpid());
-    EXPECT_THAT(text, MatchesRegex("(.|\n)*\n[-0-9]{10} [:0-9]{8}\\.[0-9]{3} \\[0*" + me + "\\] \\[[0-9]+\\] : .*"
+    EXPECT_THAT(text, MatchesRegex("(.|\n)*\n[-0-9]{10} [:0-9]{8}\\.[0-9]{3} \\[0*" + std::to_string(getpid()) + "\\] \\[[0-9]+\\] : .*"
                                    "AgentTraceTest\\.cpp\\( *" + std::to_string(line) +
                                    "\\): main says <NULL>\n(.|\n)*"));
     EXPECT_THAT(text, HasSubstr("\n" + std::string(29, ' ') + "New thread" + std::string(9, ' ') +

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <tuple>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/comutils.h"
@@ -20,12 +21,12 @@ class CmdArgsTest : public ::testing::Test {
 protected:
     CmdArgsTest() { mkdir(logDir_.c_str(), 0755); }
     // A record of words after the program path, installed in the test's directory.
-    CmdArgs& line(Words words, uint32_t mode = kParseModePathPlanner) {
+    CmdArgs& line(Words words) {
         words_ = std::move(words);
         words_.insert(words_.begin(), "/opt/ZOR/QLX/agent/bin/PathPlanner");
         argv_.clear();
         for (const std::string& word : words_) argv_.push_back(word.c_str());
-        args_ = std::make_unique<CmdArgs>(static_cast<int32_t>(argv_.size()), argv_.data(), mode);
+        args_ = std::make_unique<CmdArgs>(static_cast<int32_t>(argv_.size()), argv_.data(), kParseModePathPlanner);
         args_->installDir = dir_.path();
         return *args_;
     }
@@ -50,7 +51,6 @@ TEST_F(CmdArgsTest, PathPlannerLinesGiveTheirResult) {
         {{"multipath", "5"}, RC_BAD_ARGS, kMp, "multipath", ""},
         {{"-multipath", "5", "stray"}, RC_BAD_ARGS, kMp, "stray", ""},
         {{""}, RC_BAD_ARGS, kMp, "", ""},
-        {{"-"}, RC_BAD_ARGS, kMp, "-", ""},
         {{"-installLoc", "/opt"}, RC_BAD_ARGS, kMp, "-installLoc", ""},
         {{longWord, "MIN"}, RC_BAD_ARGS, kMp, longWord, ""},
         {{"-d\xc3\xa9" "bug", "MIN"}, RC_BAD_ARGS, kMp, "-d\xc3\xa9" "bug", ""},
@@ -68,10 +68,9 @@ TEST_F(CmdArgsTest, PathPlannerLinesGiveTheirResult) {
     };
     for (const auto& c : cases) {
         CmdArgs& args = line(c.words);
-        EXPECT_EQ(c.rc, args.parse()) << PrintToString(c.words);
-        EXPECT_EQ(c.commandCode, args.commandCode) << PrintToString(c.words);
-        EXPECT_EQ(c.currentArg, args.currentArg) << PrintToString(c.words);
-        EXPECT_EQ(c.errorText, args.errorText) << PrintToString(c.words);
+        int32_t rc = args.parse();
+        EXPECT_EQ(std::make_tuple(c.rc, c.commandCode, c.currentArg, c.errorText),
+                  std::make_tuple(rc, args.commandCode, args.currentArg, args.errorText)) << PrintToString(c.words);
     }
 }
 
@@ -88,9 +87,6 @@ TEST_F(CmdArgsTest, OptionValuesAreStored) {
     // A repeated request appends its tokens; the raw value is the last one.
     EXPECT_EQ((Words{"2", "dev1", "dev2"}), args.multipathOptions);
     EXPECT_EQ("\"dev2\"", args.multipathValue);
-    CmdArgs& cut = line({"-maxnumlogs", "3", "-maxnumlogs"});
-    EXPECT_EQ(RC_MISSING_VALUE, cut.parse());
-    EXPECT_EQ(-1, cut.maxNumLogs);
 }
 
 TEST(SplitMultipathValueTest, TokensLoseTheirQuotes) {
@@ -107,26 +103,6 @@ TEST(SplitMultipathValueTest, TokensLoseTheirQuotes) {
         EXPECT_EQ(c.second, args.multipathOptions) << c.first;
         EXPECT_EQ(c.first, args.multipathValue);
     }
-}
-
-TEST_F(CmdArgsTest, AgentModesReadCommandAndGeneralOptions) {
-    const struct { Words words; uint32_t mode; int32_t rc, commandCode; std::string commandName; } cases[] = {
-        {{"-pathPlanner", "-installLoc", "/x", "-multipath", "5;d"}, 0, RC_OK, 42, "PATHPLANNER"},
-        {{"-COPYFILE", "a.txt", "-force", "-jobrunnumber", "12"}, 0, RC_OK, 1, "COPYFILE"},
-        {{}, 0, RC_NO_COMMAND, 0, ""},
-        {{"pathPlanner"}, 0, RC_NO_COMMAND, 0, ""},
-        {{"-nosuchcommand"}, 0, RC_NO_COMMAND, 0, ""},
-        {{"-ping", "host", "-nosuchoption"}, 0, RC_BAD_ARGS, 17, "PING"},
-        {{"-ping", "host", "-jobrunnumber"}, 0, RC_MISSING_VALUE, 17, "PING"},
-        {{"-multipath", "5", "-bogus"}, 15, RC_OK, 0, ""},  // modes above the path planner's parse nothing
-    };
-    for (const auto& c : cases) {
-        CmdArgs& args = line(c.words, c.mode);
-        EXPECT_EQ(c.rc, args.parse()) << PrintToString(c.words);
-        EXPECT_EQ(c.commandCode, args.commandCode) << PrintToString(c.words);
-        EXPECT_EQ(c.commandName, args.commandName) << PrintToString(c.words);
-    }
-    EXPECT_TRUE(args_->multipathOptions.empty());
 }
 
 TEST_F(CmdArgsTest, InstallLocAndRunNumbersSettleTheFiles) {
@@ -172,7 +148,9 @@ TEST_F(CmdArgsTest, LimitsSelectAndPurgeNumberedLogs) {
     for (const auto& c : cases) {
         std::filesystem::remove_all(logDir_);
         mkdir(logDir_.c_str(), 0755);
-        for (const std::string& file : c.files) testfiles::writeFile(logDir_ + "/" + file, std::string(file == old ? 3072 : 9, 'x'));
+        for (const std::string& file : c.files) {
+            testfiles::writeFile(logDir_ + "/" + file, std::string(file == old ? 3072 : 9, 'x'));
+        }
         struct timeval tenDaysAgo[2] = {{time(nullptr) - 10 * 86400, 0}, {time(nullptr) - 10 * 86400, 0}};
         utimes((logDir_ + "/" + old).c_str(), tenDaysAgo);
         CmdArgs& args = line(c.words);

@@ -1,6 +1,7 @@
 #include "Common/CmdExecer.h"
 
 #include <csignal>
+#include <regex>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "gtest/gtest.h"
@@ -26,11 +27,10 @@ TEST(CmdExecerTest, TemporaryCaptureFilesAreDistinctAndDeleted) {
     {
         CmdExecer exec({"/bin/true"});
         std::string command = exec.getCommand();
-        size_t o = command.rfind(" >>"), e = command.rfind(" 2>>");
-        out = command.substr(o + 3, e - o - 3);
-        err = command.substr(e + 4);
-        EXPECT_EQ(0u, out.find("/tmp/hka"));
-        EXPECT_EQ(0u, err.find("/tmp/hka"));
+        std::smatch names;
+        ASSERT_TRUE(std::regex_search(command, names, std::regex(" >>(/tmp/hka\\S+) 2>>(/tmp/hka\\S+)$"))) << command;
+        out = names[1];
+        err = names[2];
         EXPECT_NE(out, err);
         EXPECT_TRUE(fileExists(out) && fileExists(err));
     }

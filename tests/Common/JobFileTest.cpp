@@ -38,21 +38,16 @@ TEST_F(JobFileTest, NewFileHoldsHeaderPidAndStartTime) {
     std::string jobFile = create(3, 4);
     EXPECT_GE(args_.jobStartTime, before);
     EXPECT_EQ(header_ + " sched=false startTime=" + std::to_string(args_.jobStartTime), readFile(jobFile));
-}
-
-TEST_F(JobFileTest, ExistingFileOrRunNumberZeroIsLeftAlone) {
-    testfiles::writeFile(dir_.file("multipath_5_6.jobinfo"), "old content");
-    EXPECT_EQ(dir_.file("multipath_5_6.jobinfo"), create(5, 6));
-    EXPECT_EQ("old content", readFile(dir_.file("multipath_5_6.jobinfo")));
-    EXPECT_EQ("", create(0, 6));
-    EXPECT_FALSE(testfiles::fileExists(args_.jobFileName));
+    // An existing file is left as it is.
+    testfiles::writeFile(jobFile, "old content");
+    EXPECT_EQ(jobFile, create(3, 4));
+    EXPECT_EQ("old content", readFile(jobFile));
 }
 
 TEST_F(JobFileTest, MissingRunNumbersAreDrawnAndKept) {
     std::string first = createJobFile(dir_.path(), args_, false);
     EXPECT_EQ(buildJobFileName(dir_.path(), "multipath", args_.jobRunNumber, args_.sidRunNumber), first);
     EXPECT_EQ(first, args_.jobFileName);
-    EXPECT_TRUE(testfiles::fileExists(first));
     // A second job drawn in the same second must not take the first one's file.
     CmdArgs other(0, nullptr, kParseModePathPlanner);
     other.jobName = "multipath";
@@ -66,7 +61,7 @@ TEST_F(JobFileTest, MissingRunNumbersAreDrawnAndKept) {
     EXPECT_TRUE(std::regex_match(drawn, std::regex(dir_.path() + "/_[0-9]+_42\\.jobinfo"))) << drawn;
 }
 
-TEST_F(JobFileTest, NoFileInUnusableDirectoryOrWhenTheOnlyNameIsTaken) {
+TEST_F(JobFileTest, NoFileInUnusableDirectoryOrForAnImpossibleName) {
     testfiles::writeFile(dir_.file("plain"), "x");
     for (const std::string& dir : {dir_.file("missing"), dir_.file("plain")}) {
         CmdArgs args(0, nullptr, kParseModePathPlanner);
@@ -77,9 +72,10 @@ TEST_F(JobFileTest, NoFileInUnusableDirectoryOrWhenTheOnlyNameIsTaken) {
     testfiles::writeFile(dir_.file("multipath_8_9.jobinfo"), "busy");
     args_.jobRunNumber = 8;
     args_.sidRunNumber = 9;
-    args_.jobFileName.clear();
     EXPECT_EQ("", createJobFile(dir_.path(), args_, false));
     EXPECT_EQ("busy", readFile(dir_.file("multipath_8_9.jobinfo")));
+    EXPECT_EQ("", create(0, 6));  // run number 0 is no job
+    EXPECT_FALSE(testfiles::fileExists(args_.jobFileName));
 }
 
 TEST_F(JobFileTest, UpdateAppendsEndFields) {

@@ -16,7 +16,6 @@
 namespace {
 
 using testfiles::readFile;
-using testfiles::splitLines;
 
 const std::regex kStamp(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )");
 
@@ -24,7 +23,7 @@ class LogManagerTest : public ::testing::Test {
 protected:
     // The messages of the log's lines, each line checked for its time stamp.
     std::vector<std::string> messages(const std::string& path) {
-        std::vector<std::string> lines = splitLines(readFile(path));
+        std::vector<std::string> lines = testfiles::splitLines(readFile(path));
         for (std::string& line : lines) {
             EXPECT_TRUE(std::regex_search(line, kStamp)) << line;
             line.erase(0, 24);

@@ -51,7 +51,6 @@ TEST_F(LogUtilTest, NextNameFollowsTheHighestNumber) {
         for (const std::string& file : c.first) make(file);
         LogPurgeSettings settings;
         EXPECT_EQ(c.second, next(&settings, false)) << c.second;
-        EXPECT_TRUE(settings.newLogStarted) << c.second;
     }
 }
 
@@ -80,25 +79,21 @@ TEST_F(LogUtilTest, SizeLimitDecidesWhetherTheLastFileGoesOn) {
 TEST_F(LogUtilTest, PurgeKeepsTheNewestByCountAndDropsOldFilesByAge) {
     const time_t day = 86400;
     const std::vector<time_t> fresh(3, 0), aged = {10 * day, 10 * day, 4 * day, 0};
-    const struct {
-        std::vector<time_t> ages;
-        bool useAge, newLogStarted;
-        int32_t plainLimit, agedLimit, maxDays;
-        std::vector<int32_t> kept, keys;
-    } cases[] = {
-        // A new log takes one of the places.
-        {fresh, false, true, 2, 100, 0, {3}, {3}},
-        {fresh, false, false, 2, 100, 0, {2, 3}, {2, 3}},
-        {fresh, false, false, 3, 100, 0, {1, 2, 3}, {1, 2, 3}},
-        {fresh, false, true, 4, 100, 0, {1, 2, 3}, {1, 2, 3}},
-        {fresh, false, true, 0, 100, 0, {}, {}},
-        {{}, false, true, 0, 100, 0, {}, {}},
+    // Settings: aged-rule limit, plain limit, days, size, new log started.
+    using Numbers = std::vector<int32_t>;
+    const struct { std::vector<time_t> ages; bool useAge; LogPurgeSettings settings; Numbers kept, keys; } cases[] = {
+        {fresh, false, {100, 2, 0, 0, true}, {3}, {3}},  // a new log takes one of the places
+        {fresh, false, {100, 2, 0, 0, false}, {2, 3}, {2, 3}},
+        {fresh, false, {100, 3, 0, 0, false}, {1, 2, 3}, {1, 2, 3}},
+        {fresh, false, {100, 4, 0, 0, true}, {1, 2, 3}, {1, 2, 3}},
+        {fresh, false, {100, 0, 0, 0, true}, {}, {}},
+        {{}, false, {100, 0, 0, 0, true}, {}, {}},
         // Age takes 1 and 2; the count rule (aged limit 3) then "deletes" 1 again,
         // so two files are left where the limit would allow three.
-        {aged, true, false, 1, 3, 5, {3, 4}, {2, 3, 4}},
-        {aged, true, false, 1, 3, 11, {2, 3, 4}, {2, 3, 4}},
-        {aged, true, false, 1, 3, 0, {2, 3, 4}, {2, 3, 4}},
-        {aged, false, false, 1, 3, 5, {4}, {4}},
+        {aged, true, {3, 1, 5, 0, false}, {3, 4}, {2, 3, 4}},
+        {aged, true, {3, 1, 11, 0, false}, {2, 3, 4}, {2, 3, 4}},
+        {aged, true, {3, 1, 0, 0, false}, {2, 3, 4}, {2, 3, 4}},
+        {aged, false, {3, 1, 5, 0, false}, {4}, {4}},
     };
     for (const auto& c : cases) {
         clear();
@@ -107,19 +102,15 @@ TEST_F(LogUtilTest, PurgeKeepsTheNewestByCountAndDropsOldFilesByAge) {
             make("multipath_00000" + std::to_string(i) + ".log", 0, c.ages[i - 1]);
             files[i] = dir_.file("multipath_00000" + std::to_string(i) + ".log");
         }
-        LogPurgeSettings settings;
-        settings.countLimitPlain = c.plainLimit;
-        settings.countLimitAged = c.agedLimit;
-        settings.maxDays = c.maxDays;
-        settings.newLogStarted = c.newLogStarted;
-        purgeLogFiles(settings, files, c.useAge);
-        std::vector<int32_t> kept, keys;
+        purgeLogFiles(c.settings, files, c.useAge);
+        Numbers kept, keys;
         for (int32_t i = 1; i <= static_cast<int32_t>(c.ages.size()); ++i) {
             if (testfiles::fileExists(dir_.file("multipath_00000" + std::to_string(i) + ".log"))) kept.push_back(i);
         }
         for (const auto& file : files) keys.push_back(file.first);
-        EXPECT_EQ(c.kept, kept) << c.ages.size() << " files, limit " << c.plainLimit << ", " << c.maxDays << " days";
-        EXPECT_EQ(c.keys, keys) << c.ages.size() << " files, limit " << c.plainLimit << ", " << c.maxDays << " days";
+        const LogPurgeSettings& s = c.settings;
+        EXPECT_EQ(c.kept, kept) << c.ages.size() << " files, limit " << s.countLimitPlain << ", days " << s.maxDays;
+        EXPECT_EQ(c.keys, keys) << c.ages.size() << " files, limit " << s.countLimitPlain << ", days " << s.maxDays;
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
@@ -97,10 +96,8 @@ TEST(WaitForExternalProgramTest, HangingChildIsKilledAfterTimeout) {
     const char* argv[] = {"exec /bin/sleep 30;", nullptr};
     SpawnInfo info;
     ASSERT_EQ(RC_OK, SpawnExternalProgram(argv, &info, false, false, false, nullptr));
-    auto start = std::chrono::steady_clock::now();
     int32_t code = -1;
     EXPECT_EQ(RC_CHILD_KILLED, WaitForExternalProgram(&info, &code, 1));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_EQ(-1, code);
     EXPECT_EQ(-1, kill(info.pid, 0));  // gone and reaped
     struct sigaction action;

@@ -9,28 +9,21 @@
 
 namespace {
 
-// Each case runs in a forked child so the test process keeps its own signal set-up
-// and process group.
-using testfiles::inChild;
-
-TEST(PsSignalTest, TermSetsStopFlagHangupAndPipeDoNothing) {
-    EXPECT_EQ(0, inChild([] {
+// The handlers are installed in a forked child so the test process keeps its own
+// signal set-up and process group.
+TEST(PsSignalTest, TermAndInterruptSetStopFlagOthersDoNothing) {
+    EXPECT_EQ(0, testfiles::inChild([] {
         if (installSignalHandlers() != 0 || getpgrp() != getpid()) return 1;
         raise(SIGHUP);
         raise(SIGPIPE);
+        unxInterruptHandler(SIGUSR2);
         if (agentStopRequested) return 2;
         raise(SIGTERM);
         raise(SIGTERM);  // a second request changes nothing
-        return agentStopRequested == 1 ? 0 : 3;
-    }));
-}
-
-TEST(PsSignalTest, HandlerAcceptsInterruptAndIgnoresOthers) {
-    EXPECT_EQ(0, inChild([] {
-        unxInterruptHandler(SIGUSR2);
-        if (agentStopRequested) return 1;
+        if (agentStopRequested != 1) return 3;
+        agentStopRequested = 0;
         unxInterruptHandler(SIGINT);
-        return agentStopRequested == 1 ? 0 : 2;
+        return agentStopRequested == 1 ? 0 : 4;
     }));
 }
 
