@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <tuple>
 

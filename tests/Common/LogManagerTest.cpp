@@ -38,6 +38,7 @@ std::string payload(int writer, int n) {
     return "w" + std::to_string(writer) + " n" + std::to_string(n) + " " + std::string(n % 7 ? 20 + n % 90 : 3000, 'x');
 }
 
+// Messages of many lengths, half with their own newline: each must become exactly one line.
 void writeMany(LogManager* log, int writer, int count) {
     for (int n = 0; n < count; ++n) log->LogActivityLog((payload(writer, n) + (n % 2 ? "\n" : "")).c_str());
 }
