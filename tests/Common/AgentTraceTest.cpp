@@ -63,8 +63,8 @@ TEST_F(AgentTraceTest, RecordsCarryProcessAndThreadAndAnotherThreadGetsABanner) 
     std::thread([] { NA_TRACE_MIN("worker says hi\n"); }).join();
     endTrace();
     std::string text = readFile(path_);
-    EXPECT_THAT(text, MatchesRegex("(.|\n)*\n[-0-9]{10} [:0-9]{8}\\.[0-9]{3} \\[0*" + std::to_string(getpid()) + "\\] \\[[0-9]+\\] : .*"
-                                   "AgentTraceTest\\.cpp\\( *" + std::to_string(line) +
+    EXPECT_THAT(text, MatchesRegex("(.|\n)*\n[-0-9]{10} [:0-9]{8}\\.[0-9]{3} \\[0*" + std::to_string(getpid()) +
+                                   "\\] \\[[0-9]+\\] : .*AgentTraceTest\\.cpp\\( *" + std::to_string(line) +
                                    "\\): main says <NULL>\n(.|\n)*"));
     EXPECT_THAT(text, HasSubstr("\n" + std::string(29, ' ') + "New thread" + std::string(9, ' ') +
                                 "0================>\n"));
