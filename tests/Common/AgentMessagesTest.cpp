@@ -2,48 +2,37 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-#include <string>
-
 #include "BKVlib/common/nls/amsgrtrv.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentMessageIds.h"
 #include "Common/LogManager.h"
+#include "tests/support/TestFiles.h"
 
 namespace {
 
-const std::string kNlsDir = std::string(PP_BINARY_DIR) + "/nls";
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
+// Starts the message layer afresh on the catalogues the build made.
+int32_t restartMessages(const std::string& locale) {
+    endMessages();
+    nlSetLanguage("");
+    return initMessages(std::string(PP_BINARY_DIR) + "/nls", "", "qlxna.cat", locale);
 }
 
 class AgentMessagesTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        endMessages();
-        nlSetLanguage("");
-        ASSERT_EQ(0, initMessages(kNlsDir, "", "qlxna.cat", "en_US"));
-    }
-    void TearDown() override {
-        endMessages();
-        nlSetLanguage("");
-    }
+    void SetUp() override { ASSERT_EQ(0, restartMessages("en_US")); }
 };
 
-TEST_F(AgentMessagesTest, RunFlowMessagesCarryAgentKeyAndInserts) {
+TEST_F(AgentMessagesTest, MessagesCarryTheirKeyAndInserts) {
     EXPECT_EQ("AGT0429I PathPlanner started with the command line: /bin/PathPlanner -multipath 5",
               getMsg(AGT0429I, "PathPlanner", "/bin/PathPlanner -multipath 5"));
     EXPECT_EQ("AGT0430I PathPlanner finished with return code 169.", getMsg(AGT0430I, "PathPlanner", 169));
-    EXPECT_EQ("AGT0459I Rescanning the SCSI and Fibre Channel buses for new LUNs.", getMsg(AGT0459I));
-    EXPECT_EQ("AGT0458I Setting the path-selection policy Round Robin on the devices: mpatha mpathb",
-              getMsg(AGT0458I, "Round Robin", "mpatha mpathb"));
+    // The agent's catalogue doubles as the library's English one, with the callers' inserts.
+    EXPECT_EQ("KRN0264E The log /var/x.log cannot be opened (errno 13: Permission denied).",
+              getMsg(264, "", "/var/x.log", 13, "Permission denied"));
+    EXPECT_EQ("KRN0250E Writing to the log /var/x.log failed (errno 28: No space left on device); the log is "
+              "switched off.",
+              getMsg(250, "", "No space left on device", 28, "/var/x.log"));
+    EXPECT_EQ("Trace classes switched on:", getMsg(226, ""));
 }
 
 TEST_F(AgentMessagesTest, IdentifierOverwriteExceptForTKeys) {
@@ -55,47 +44,27 @@ TEST_F(AgentMessagesTest, IdentifierOverwriteExceptForTKeys) {
 }
 
 TEST_F(AgentMessagesTest, OutputOperationsReachTheirDestinations) {
-    char pattern[] = "/tmp/agentmsgXXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    std::string logPath = std::string(pattern) + "/multipath.log";
-    LogManager log(logPath);
+    testfiles::TempDir dir;
+    LogManager log(dir.file("multipath.log"));
     testing::internal::CaptureStdout();
     EXPECT_EQ(RC_OK, logMsg(&log, AGT0456E));
     EXPECT_EQ(RC_OK, msgOut(&log, AGT0445I));
     EXPECT_EQ(RC_OK, logAndShowMsg(&log, AGT0412E, "-bogus"));
     EXPECT_EQ(RC_OK, msgOut(&log, 4242, "AGT4242E"));
     EXPECT_EQ(RC_OK, logAndShowMsg(&log, 4243, "AGT4243E"));
-    std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ("AGT0445I The request was cancelled because the agent asked the tool to stop.\n"
               "AGT0412E The command line was rejected at the argument '-bogus'.\n\n",
-              out);
-    std::string logged = readFile(logPath);
+              testing::internal::GetCapturedStdout());
+    std::string logged = testfiles::readFile(dir.file("multipath.log"));
     EXPECT_NE(std::string::npos, logged.find("AGT0456E No multipath driver was found on this host."));
     EXPECT_NE(std::string::npos, logged.find("AGT0412E The command line was rejected at the argument '-bogus'."));
     EXPECT_EQ(std::string::npos, logged.find("AGT0445I"));
-    (void)system(("rm -rf '" + std::string(pattern) + "'").c_str());
-}
-
-// The agent's catalogue doubles as the library's English one.
-TEST_F(AgentMessagesTest, LibraryMessagesWithTheirCallersInserts) {
-    EXPECT_EQ("KRN0264E The log /var/x.log cannot be opened (errno 13: Permission denied).",
-              getMsg(264, "", "/var/x.log", 13, "Permission denied"));
-    EXPECT_EQ("KRN0250E Writing to the log /var/x.log failed (errno 28: No space left on device); the log is "
-              "switched off.",
-              getMsg(250, "", "No space left on device", 28, "/var/x.log"));
-    EXPECT_EQ("KRN0232I 50000 log lines have been copied so far.", getMsg(232, "", 50000UL));
-    EXPECT_EQ("KRN0263E Internal error in BKVlib/common/ut/GlobalRC(42): Unable to acquire global rc mutex",
-              getMsg(263, "", "BKVlib/common/ut/GlobalRC", 42, "Unable to acquire global rc mutex"));
-    EXPECT_EQ("Trace classes switched on:", getMsg(226, ""));
 }
 
 TEST_F(AgentMessagesTest, GermanCatalogueReordersInserts) {
-    endMessages();
-    ASSERT_EQ(0, initMessages(kNlsDir, "", "qlxna.cat", "de_DE.UTF-8"));
+    ASSERT_EQ(0, restartMessages("de_DE.UTF-8"));
     EXPECT_EQ("AGT0458I Für die Geräte mpatha mpathb wird die Pfadauswahlrichtlinie Failover eingestellt.",
               getMsg(AGT0458I, "Failover", "mpatha mpathb"));
-    EXPECT_EQ("AGT0429I Mit der Befehlszeile PathPlanner -x wurde PathPlanner gestartet.",
-              getMsg(AGT0429I, "PathPlanner", "PathPlanner -x"));
 }
 
 TEST_F(AgentMessagesTest, StartFailsWithoutCatalogues) {
@@ -106,47 +75,14 @@ TEST_F(AgentMessagesTest, StartFailsWithoutCatalogues) {
 }
 
 TEST(CuNextWordTest, LengthIsEndIndex) {
-    const struct {
-        const char* line;
-        int32_t pos;
-        const char* word;
-        int32_t newPos;
-    } cases[] = {
-        {"  abc def", 0, "abc d", 5}, {"  abc def", 5, "def", 9}, {"  abc def", 9, "", 9},
-        {"word", 0, "word", 4},       {"   ", 1, "", 1},          {"a b", 17, "", 17},
-        {"a b", -3, "", -3},
-    };
+    // The word takes as many characters as the index it ends at, so a later word runs on past its end.
+    const struct { const char* line; int32_t pos; const char* word; int32_t newPos; } cases[] = {
+        {"  abc def", 0, "abc d", 5}, {"  abc def", 5, "def", 9}, {"  abc def", 9, "", 9}, {"word", 0, "word", 4},
+        {"   ", 1, "", 1}, {"a b", 17, "", 17}, {"a b", -3, "", -3}};
     for (const auto& c : cases) {
         int32_t pos = c.pos;
         EXPECT_EQ(c.word, cuNextWord(c.line, &pos)) << c.line << " @" << c.pos;
         EXPECT_EQ(c.newPos, pos) << c.line << " @" << c.pos;
-    }
-}
-
-TEST(CuMsgOutTest, WritesExactLengthOrFails) {
-    char pattern[] = "/tmp/cumsgXXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(pattern));
-    std::string file = std::string(pattern) + "/out";
-    EXPECT_EQ(RC_OK, cuMsgOut("abcdef", 3, false, file));
-    EXPECT_EQ("abc", readFile(file));
-    EXPECT_EQ(RC_FILE_OPEN_FAILED, cuMsgOut("abc", 3, false, std::string(pattern) + "/no/such/dir/f"));
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(RC_OK, cuMsgOut("to stderr", 2, true, ""));
-    EXPECT_EQ("to stderr", testing::internal::GetCapturedStderr());
-    (void)system(("rm -rf '" + std::string(pattern) + "'").c_str());
-}
-
-TEST(StringHelperTest, ConvertsOrThrowsWithSizes) {
-    wchar_t buf[8];
-    EXPECT_EQ(3u, StringHelper::string_to_wchar_t("abc", buf, 7));
-    EXPECT_EQ(std::wstring(L"abc"), std::wstring(buf));
-    try {
-        StringHelper::string_to_wchar_t("abcdefghij", buf, 7);
-        FAIL() << "no exception";
-    } catch (const std::string& e) {
-        EXPECT_EQ("StringHelper::string_to_wchar_t() : ERROR: The given string requires a buffer size of 10 bytes, "
-                  "but the provided buffer only has 7 bytes reserved.",
-                  e);
     }
 }
 

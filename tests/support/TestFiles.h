@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_TESTFILES_H
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -70,6 +71,21 @@ public:
 private:
     std::string path_;
 };
+
+// The exit code of the child pid, 1000 + the signal that ended it, or -1 when it cannot be waited for.
+inline int exitCodeOf(pid_t pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
+// Runs body() in a forked child, which leaves with body's result; returns exitCodeOf the child.
+template <typename Body>
+int inChild(Body body) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    return exitCodeOf(pid);
+}
 
 }  // namespace testfiles
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <string>
 #include <vector>
 
@@ -9,13 +10,23 @@
 
 namespace {
 
+// Reads a stored catalogue text back as the message layer does and expands it.
+std::string expandStored(const std::string& stored, size_t idLength, ...) {
+    std::string body = stored.substr(idLength + 1, stored.rfind(static_cast<char>(NL_TRAILER_MARK)) - idLength - 1);
+    nlDecodeStandins(&body);
+    NlCompiled msg;
+    if (!nlParseCompiled(body.data(), body.size(), &msg)) return "parse failed";
+    va_list args;
+    va_start(args, idLength);
+    nlsCharBuffer out;
+    nlOrderInsert(msg, &out, args);
+    va_end(args);
+    return out.text();
+}
+
 TEST(MsgCompilerTest, ParsesSourceWithCommentsEscapesAndContinuations) {
     const std::string source =
-        "# comment\n"
-        "\n"
-        "12 AGT0001I first\\tline\\n\r\n"
-        "13   AGT0002E  joined \\\n"
-        "text with \\\\ backslash\n";
+        "# comment\n\n12 AGT0001I first\\tline\\n\r\n13   AGT0002E  joined \\\ntext with \\\\ backslash\n";
     std::vector<msgc::SourceMessage> messages;
     std::string error;
     ASSERT_TRUE(msgc::parseSource(source, "s.txt", &messages, &error)) << error;
@@ -27,59 +38,47 @@ TEST(MsgCompilerTest, ParsesSourceWithCommentsEscapesAndContinuations) {
     EXPECT_EQ(4, messages[1].line);
 }
 
-TEST(MsgCompilerTest, RejectsBadSourceLines) {
-    const char* bad[] = {
-        "x AGT0001I text\n",  "0 AGT0001I text\n",  "70000 AGT0001I text\n", "1 AG0001I text\n",
-        "1 AGT001I text\n",   "1 agt0001I text\n",  "1 AGT0001I bad \\q\n",   "1 AGT0001I ctrl \x10\n",
-        "1 AGT0001I dc2 \x12\n",
-    };
-    for (const char* line : bad) {
+TEST(MsgCompilerTest, RejectsBadSourceLinesAndInsertSets) {
+    for (const char* line : {"x AGT0001I text\n", "0 AGT0001I text\n", "70000 AGT0001I text\n", "1 AG0001I text\n",
+                             "1 AGT001I text\n", "1 agt0001I text\n", "1 AGT0001I bad \\q\n", "1 AGT0001I ctrl \x10\n",
+                             "1 AGT0001I dc2 \x12\n"}) {
         std::vector<msgc::SourceMessage> messages;
         std::string error;
         EXPECT_FALSE(msgc::parseSource(line, "s.txt", &messages, &error)) << line;
         EXPECT_EQ(0u, error.find("s.txt:1: ")) << error;
     }
-}
-
-TEST(MsgCompilerTest, OrderedFormLayout) {
-    std::string body, error;
-    ASSERT_TRUE(msgc::compileText("<%2$d|%1$-3s>", true, &body, &error)) << error;
-    const std::string expected("\0\x06\0\0\0\x02\x01\x00"
-                               "\0\x02%-3s\0"
-                               "\0\0%d\0"
-                               "<\0|\0>\0",
-                               26);
-    EXPECT_EQ(expected, body);
-    std::string stored = msgc::storedText("AGT0001I", body, "xy");
-    EXPECT_EQ(std::string::npos, stored.find('\0'));
-    EXPECT_EQ("AGT0001I \x10\x06\x10", stored.substr(0, 12));
-    EXPECT_EQ("\x12xy", stored.substr(stored.size() - 3));
-}
-
-TEST(MsgCompilerTest, RejectsBadInsertSets) {
-    const char* bad[] = {"%1$s %s", "%1$s %1$s", "%2$s", "%3$s %1$s", "%1$*d", "%n", "%q",
-                         "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d"};
-    for (const char* text : bad) {
+    for (const char* text : {"%1$s %s", "%1$s %1$s", "%2$s", "%3$s %1$s", "%1$*d", "%n", "%q",
+                             "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d"}) {
         std::string body, error;
         EXPECT_FALSE(msgc::compileText(text, true, &body, &error)) << text;
         EXPECT_FALSE(error.empty()) << text;
     }
 }
 
+TEST(MsgCompilerTest, OrderedFormSurvivesTheCatalogueRoundTrip) {
+    std::string body, error;
+    ASSERT_TRUE(msgc::compileText("<%2$d|%1$-3s>", true, &body, &error)) << error;
+    EXPECT_EQ(std::string("\0\x06\0\0\0\x02\x01\x00" "\0\x02%-3s\0" "\0\0%d\0" "<\0|\0>\0", 26), body);
+    std::string stored = msgc::storedText("AGT0001I", body, "xy");
+    EXPECT_EQ(std::string::npos, stored.find('\0'));
+    EXPECT_EQ("AGT0001I \x10\x06\x10", stored.substr(0, 12));
+    EXPECT_EQ("\x12xy", stored.substr(stored.size() - 3));
+    EXPECT_EQ("<7|ab >", expandStored(stored, 8, "ab", 7));
+}
+
 TEST(MsgCompilerTest, TranslationMustKeepIdentifier) {
     std::map<uint16_t, msgc::SourceMessage> catalogue;
-    std::vector<msgc::SourceMessage> en, de, twice;
     std::string error;
-    ASSERT_TRUE(msgc::parseSource("5 AGT0005I five\n", "en", &en, &error));
-    ASSERT_TRUE(msgc::parseSource("5 AGT0005I fünf\n", "de", &de, &error));
-    ASSERT_TRUE(msgc::mergeSource(en, "en", &catalogue, &error));
-    ASSERT_TRUE(msgc::mergeSource(de, "de", &catalogue, &error)) << error;
+    auto merge = [&](const std::string& source) {
+        std::vector<msgc::SourceMessage> messages;
+        EXPECT_TRUE(msgc::parseSource(source, "s.txt", &messages, &error)) << error;
+        return msgc::mergeSource(messages, "s.txt", &catalogue, &error);
+    };
+    ASSERT_TRUE(merge("5 AGT0005I five\n")) << error;
+    ASSERT_TRUE(merge("5 AGT0005I fünf\n")) << error;
     EXPECT_EQ("fünf", catalogue[5].text);
-    std::vector<msgc::SourceMessage> other;
-    ASSERT_TRUE(msgc::parseSource("5 AGT0006I six\n", "x", &other, &error));
-    EXPECT_FALSE(msgc::mergeSource(other, "x", &catalogue, &error));
-    ASSERT_TRUE(msgc::parseSource("7 AGT0007I a\n7 AGT0007I b\n", "y", &twice, &error));
-    EXPECT_FALSE(msgc::mergeSource(twice, "y", &catalogue, &error));
+    EXPECT_FALSE(merge("5 AGT0006I six\n"));
+    EXPECT_FALSE(merge("7 AGT0007I a\n7 AGT0007I b\n"));
 }
 
 TEST(MsgCompilerTest, GencatLineEscapesControlBytes) {
