@@ -2,7 +2,10 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <thread>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "gtest/gtest.h"
@@ -103,6 +106,77 @@ TEST(WaitForExternalProgramTest, HangingChildIsKilledAfterTimeout) {
     struct sigaction action;
     sigaction(SIGALRM, nullptr, &action);
     EXPECT_EQ(SIG_DFL, action.sa_handler);  // the caller's action is back
+}
+
+TEST(ChildListTest, ReapRemovesEndedChildrenOnly) {
+    WaitForChildProcesses(CHILD_LIST_CREATE, 0);
+    WaitForChildProcesses(CHILD_LIST_REAP, 0);
+    int32_t before = psChildCount();
+    const char* sleeper[] = {"/bin/sleep", "30", nullptr};
+    const char* quick[] = {"/bin/true", nullptr};
+    int32_t sleeperPid = 0;
+    ASSERT_EQ(RC_OK, SpawnTask(sleeper, false, nullptr, &sleeperPid));
+    ASSERT_EQ(RC_OK, SpawnTask(quick, false, nullptr, nullptr));
+    EXPECT_EQ(before + 2, psChildCount());
+    for (int i = 0; i < 500 && psChildCount() > before + 1; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        WaitForChildProcesses(CHILD_LIST_REAP, 0);
+    }
+    EXPECT_EQ(before + 1, psChildCount());  // the sleeper stays
+    kill(sleeperPid, SIGKILL);
+    for (int i = 0; i < 500 && psChildCount() > before; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        WaitForChildProcesses(CHILD_LIST_REAP, 0);
+    }
+    EXPECT_EQ(before, psChildCount());
+}
+TEST(PsIsProcessRunningTest, PidAndOptionalName) {
+    const char* argv[] = {"/bin/true", nullptr};
+    int32_t gone = 0;
+    ASSERT_EQ(RC_OK, SpawnTask(argv, false, nullptr, &gone));
+    exitCodeOf(gone);
+    const struct {
+        int32_t pid;
+        const char* name;
+        bool running;
+    } cases[] = {
+        {1, "", true},
+        {1, nullptr, true},
+        {static_cast<int32_t>(getpid()), "SpawnTest", true},
+        {static_cast<int32_t>(getpid()), "sshd", false},
+        {gone, "", false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.running, psIsProcessRunning(c.pid, c.name)) << c.pid << " " << (c.name ? c.name : "(null)");
+    }
+}
+TEST(PsDaemonizeTest, GrandchildRunsDetachedInRoot) {
+    int report[2];
+    ASSERT_EQ(0, pipe(report));
+    pid_t first = fork();
+    if (first == 0) {
+        close(report[0]);
+        int32_t rc = psDaemonize();
+        char cwd[64] = "";
+        char text[160];
+        int n = snprintf(text, sizeof(text), "%d %d %d %s", rc, static_cast<int>(getsid(0)),
+                         static_cast<int>(getpgrp()), getcwd(cwd, sizeof(cwd)) ? cwd : "?");
+        if (write(report[1], text, static_cast<size_t>(n)) < 0) _exit(2);
+        _exit(0);
+    }
+    close(report[1]);
+    EXPECT_EQ(0, exitCodeOf(first));  // the caller's own process leaves with 0
+    char text[160] = "";
+    ssize_t got = read(report[0], text, sizeof(text) - 1);
+    close(report[0]);
+    ASSERT_GT(got, 0);
+    int rc = -2, sid = 0, group = 0;
+    char cwd[64] = "";
+    ASSERT_EQ(4, sscanf(text, "%d %d %d %63s", &rc, &sid, &group, cwd)) << text;
+    EXPECT_EQ(access("/dev/console", W_OK) == 0 ? 0 : -1, rc);
+    EXPECT_NE(getsid(0), sid);  // a session of its own
+    EXPECT_NE(first, sid);
+    EXPECT_EQ("/", std::string(cwd));
 }
 
 }  // namespace
