@@ -23,10 +23,9 @@ namespace {
 
 class PsUnxThrTest : public ::testing::Test {
 protected:
-    // Runs body in a child that traces THREAD and ERROR records to path_; the
-    // child's result is its exit status. ready() lets the parent act once the
-    // child is set up; the parent then runs act(childPid).
-    int runChild(const std::function<int(int readyFd)>& body, const std::function<void(pid_t)>& act) {
+    // Runs body in a child tracing THREAD and ERROR to path_ and returns its wait
+    // status. Once the body calls ready(fd), the parent sends signal (if any).
+    int runChild(const std::function<int(int readyFd)>& body, int signal = 0) {
         int pipeFds[2];
         if (pipe(pipeFds) != 0) return -1;
         fflush(stdout);
@@ -43,15 +42,14 @@ protected:
         }
         close(pipeFds[1]);
         char byte = 0;
-        if (read(pipeFds[0], &byte, 1) == 1) act(child);
+        if (read(pipeFds[0], &byte, 1) == 1 && signal) kill(child, signal);
         close(pipeFds[0]);
         int status = 0;
         waitpid(child, &status, 0);
         return status;
     }
     static void ready(int fd) {
-        char byte = 'r';
-        if (write(fd, &byte, 1) != 1) _exit(90);
+        if (write(fd, "r", 1) != 1) _exit(90);
     }
     TempDir dir_;
     std::string path_ = dir_.file("signals.trc");
@@ -59,13 +57,12 @@ protected:
 
 TEST_F(PsUnxThrTest, ShutdownSignalEndsTheWait) {
     const struct {
-        int signal;
-        bool byRequest;
+        int signal;  // 0: the process asks for its own shutdown
         const char* line;
     } cases[] = {
-        {SIGINT, false, "YRRO shutting down, signal SIGINT (2) \n"},
-        {SIGQUIT, false, "YRRO shutting down, signal SIGQUIT (3) \n"},
-        {SIGTERM, true, "YRRO shutting down, signal SIGTERM (15) \n"},
+        {SIGINT, "YRRO shutting down, signal SIGINT (2) \n"},
+        {SIGQUIT, "YRRO shutting down, signal SIGQUIT (3) \n"},
+        {0, "YRRO shutting down, signal SIGTERM (15) \n"},
     };
     for (const auto& c : cases) {
         int status = runChild(
@@ -74,15 +71,11 @@ TEST_F(PsUnxThrTest, ShutdownSignalEndsTheWait) {
                 if (psSetupSignals(&sets) != 0) return 3;
                 psSetMultiThreaded(1);
                 ready(readyFd);
-                if (c.byRequest && psRequestShutdown(1) != 0) return 4;
-                int rc = psWaitShutdown(&sets);
-                return rc == 0 && psShutdownBegun() ? 0 : 5;
+                if (!c.signal && psRequestShutdown(1) != 0) return 4;
+                return psWaitShutdown(&sets) == 0 && psShutdownBegun() ? 0 : 5;
             },
-            [&](pid_t child) {
-                if (!c.byRequest) kill(child, c.signal);
-            });
-        ASSERT_TRUE(WIFEXITED(status)) << c.line;
-        EXPECT_EQ(0, WEXITSTATUS(status)) << c.line;
+            c.signal);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << c.line << status;
         std::string text = readFile(path_);
         EXPECT_THAT(text, HasSubstr("psWaitShutdown: sigwait returned(0), reason(Success)")) << c.line;
         EXPECT_THAT(text, HasSubstr(c.line));
@@ -92,19 +85,6 @@ TEST_F(PsUnxThrTest, ShutdownSignalEndsTheWait) {
 
 std::atomic<bool> gStopSecond{false};
 std::atomic<long> gSecondTicks{0};
-
-void* untilSignalled(void*) {
-    for (;;) pause();
-    return nullptr;
-}
-
-void* untilStopped(void*) {
-    while (!gStopSecond) {
-        ++gSecondTicks;
-        psThreadDelay(1);
-    }
-    return nullptr;
-}
 
 pthread_t startJoinable(void* (*start)(void*)) {
     pthread_t thread{};
@@ -117,42 +97,38 @@ pthread_t startJoinable(void* (*start)(void*)) {
 }
 
 TEST_F(PsUnxThrTest, Sigusr1EndsOnlyTheSignalledThread) {
-    int status = runChild(
-        [](int readyFd) {
-            PsSignalSets sets;
-            psSetupSignals(&sets);
-            pthread_t first = startJoinable(untilSignalled);
-            pthread_t second = startJoinable(untilStopped);
-            ready(readyFd);
-            if (psSignalThread(first, SIGUSR1) != 0) return 11;
-            pthread_join(first, nullptr);
-            long before = gSecondTicks;
-            while (gSecondTicks < before + 5) psThreadDelay(1);
-            gStopSecond = true;
-            pthread_join(second, nullptr);
-            return 0;
-        },
-        [](pid_t) {});
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
-    EXPECT_THAT(readFile(path_), HasSubstr("Unknown thread 0x"));
-    EXPECT_THAT(readFile(path_), HasSubstr(" terminating on signal 10\n"));
+    int status = runChild([](int readyFd) {
+        PsSignalSets sets;
+        psSetupSignals(&sets);
+        pthread_t first = startJoinable([](void*) -> void* {
+            for (;;) pause();
+        });
+        pthread_t second = startJoinable([](void*) -> void* {
+            for (; !gStopSecond; ++gSecondTicks) psThreadDelay(1);
+            return nullptr;
+        });
+        ready(readyFd);
+        if (psSignalThread(first, SIGUSR1) != 0) return 11;
+        pthread_join(first, nullptr);
+        for (long before = gSecondTicks; gSecondTicks < before + 5;) psThreadDelay(1);
+        gStopSecond = true;
+        pthread_join(second, nullptr);
+        return 0;
+    });
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_THAT(readFile(path_), testing::MatchesRegex("(.|\n)*Unknown thread 0x[^\n]* terminating on signal 10\n(.|\n)*"));
 }
 
 TEST_F(PsUnxThrTest, OtherTrapSignalEndsTheProcess) {
-    int status = runChild(
-        [](int readyFd) {
-            struct rlimit noCore = {0, 0};
-            setrlimit(RLIMIT_CORE, &noCore);
-            PsSignalSets sets;
-            psSetupSignals(&sets);
-            ready(readyFd);
-            raise(SIGFPE);
-            return 0;
-        },
-        [](pid_t) {});
-    ASSERT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(SIGFPE, WTERMSIG(status));
+    int status = runChild([](int readyFd) {
+        struct rlimit noCore = {0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+        PsSignalSets sets;
+        psSetupSignals(&sets);
+        ready(readyFd);
+        return raise(SIGFPE);
+    });
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGFPE) << status;
     EXPECT_THAT(readFile(path_), HasSubstr("Unknown thread, fatal error, signal 8\n"));
 }
 
