@@ -6,38 +6,29 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "gtest/gtest.h"
+#include "tests/support/TestFiles.h"
 
 namespace {
 
-void sleepMs(int ms) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-}
-
-int tid() {
-    return static_cast<int>(syscall(SYS_gettid));
-}
+void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+int tid() { return static_cast<int>(syscall(SYS_gettid)); }
 
 struct Section {
-    double seconds = 0;
-    double averageMs = 0;
+    double seconds = 0, averageMs = 0;
     unsigned uses = 0;
 };
 
 // One thread's block of a report: its heading values and its section lines.
 struct ThreadReport {
-    std::string status;
-    std::string instrClass;
+    std::string status, instrClass;
     double elapsed = 0;
     std::map<std::string, Section> sections;
     std::vector<std::string> otherLines;
@@ -48,27 +39,24 @@ std::map<int, ThreadReport> parseReport(const std::string& text) {
     static const std::regex section(R"(^(.{25})\s*([0-9.]+)\t\s*([0-9.]+)\t\t\t\s*([0-9]+)$)");
     static const std::regex thread(R"(^Thread: ([0-9]+)  Elapsed time = \s*([0-9.]+) sec$)");
     std::map<int, ThreadReport> reports;
-    std::istringstream in(text);
-    std::string line, status, instrClass;
+    std::string status, instrClass;
     ThreadReport* current = nullptr;
     std::smatch m;
-    while (std::getline(in, line)) {
-        if (line.rfind("------", 0) == 0 || line.rfind("Section ", 0) == 0) {
-            if (line[0] == '-') current = nullptr;
+    for (const std::string& line : testfiles::splitLines(text)) {
+        if (line.rfind("------", 0) == 0) {
+            current = nullptr;
         } else if (line.rfind("Completion status: ", 0) == 0) {
             status = line.substr(19);
         } else if (line.rfind("Instrumentation class: ", 0) == 0) {
             instrClass = line.substr(23);
         } else if (std::regex_match(line, m, thread)) {
             current = &reports[std::stoi(m[1])];
-            current->status = status;
-            current->instrClass = instrClass;
-            current->elapsed = std::stod(m[2]);
+            *current = {status, instrClass, std::stod(m[2]), {}, {}};
         } else if (current && std::regex_match(line, m, section)) {
             std::string name = m[1].str();
             name.erase(name.find_last_not_of(' ') + 1);
             current->sections[name] = {std::stod(m[2]), std::stod(m[3]), static_cast<unsigned>(std::stoul(m[4]))};
-        } else if (current && !line.empty()) {
+        } else if (current && !line.empty() && line.rfind("Section ", 0) != 0) {
             current->otherLines.push_back(line);
         }
     }
@@ -78,23 +66,13 @@ std::map<int, ThreadReport> parseReport(const std::string& text) {
 class InstrTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/instrXXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(dir));
-        dir_ = dir;
-        report_ = instrReportFileName((dir_ + "/agent.log").c_str(), static_cast<int32_t>(getpid()));
-        ASSERT_EQ(RC_OK, instrInit((dir_ + "/agent.log").c_str(), INSTR_CLIENT_DETAIL | INSTR_DB_OPS, 0));
+        report_ = instrReportFileName(log_.c_str(), static_cast<int32_t>(getpid()));
+        ASSERT_EQ(RC_OK, instrInit(log_.c_str(), INSTR_CLIENT_DETAIL | INSTR_DB_OPS, 0));
     }
-    void TearDown() override {
-        instrTerminate();
-        std::system(("rm -rf '" + dir_ + "'").c_str());
-    }
-    std::string reportText() {
-        std::ifstream in(report_);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-    std::string dir_;
+    void TearDown() override { instrTerminate(); }
+    std::string reportText() { return testfiles::readFile(report_); }
+    testfiles::TempDir dir_;
+    std::string log_ = dir_.file("agent.log");
     std::string report_;
 };
 
@@ -106,7 +84,6 @@ TEST(InstrReportFileNameTest, DirectoryPartOfPathAndProcessId) {
         {"/var/log/agent/error.log", "/var/log/agent/kfwinstr.report.p42"},
         {"/var/log/", "/var/log/kfwinstr.report.p42"},
         {"error.log", "kfwinstr.report.p42"},
-        {"", "kfwinstr.report.p42"},
         {nullptr, "kfwinstr.report.p42"},
     };
     for (const auto& c : cases) EXPECT_EQ(c.name, instrReportFileName(c.path, 42)) << (c.path ? c.path : "(null)");
@@ -132,8 +109,8 @@ TEST_F(InstrTest, ReportChargesTimeToCategoryOnTop) {
     instrStop(INSTR_CLIENT_DETAIL);
 
     std::string text = reportText();
-    EXPECT_EQ(0u, text.find("\n\n=======================> C O M M E N C E  N E W  R E P O R T <=======================\n"
-                            "=======================> C O M M E N C E  N E W  R E P O R T <=======================\n\n"));
+    const std::string banner = "=======================> C O M M E N C E  N E W  R E P O R T <=======================\n";
+    EXPECT_EQ(0u, text.find("\n\n" + banner + banner + "\n"));
     EXPECT_NE(std::string::npos, text.find("\nSection                  Actual(sec)\t\tAverage(msec)\tFrequency used\n"));
     auto reports = parseReport(text);
     ASSERT_EQ(1u, reports.count(tid())) << text;
@@ -163,22 +140,24 @@ TEST_F(InstrTest, MisuseSuspendsEngineWithReport) {
     const struct {
         int begins;  // File I/O, then CRC, then Compression repeated
         InstrCategory ended;
-        std::string error;
-        std::string status;
+        std::string error, status;
     } cases[] = {
-        {INSTR_STACK_DEPTH, INSTR_OTHER, "ERROR: Stack overflow detected, Thread: %d, category being entered: Compression\n"
-                                         "Instrumentation engine suspends operation.\n",
+        {INSTR_STACK_DEPTH, INSTR_OTHER,
+         "ERROR: Stack overflow detected, Thread: %d, category being entered: Compression\n"
+         "Instrumentation engine suspends operation.\n",
          "Stack overflow"},
-        {2, INSTR_FILE_IO, "ERROR: Invalid category detected, Thread: %d, category being ended: File I/O\n"
-                           "Current category is: CRC\nInstrumentation engine suspends operation.\n",
+        {2, INSTR_FILE_IO,
+         "ERROR: Invalid category detected, Thread: %d, category being ended: File I/O\n"
+         "Current category is: CRC\nInstrumentation engine suspends operation.\n",
          "Invalid category end call"},
-        {0, INSTR_FILE_IO, "ERROR: Invalid category detected, Thread: %d, category being ended: File I/O\n"
-                           "Current category is: Other\nInstrumentation engine suspends operation.\n",
+        {0, INSTR_FILE_IO,
+         "ERROR: Invalid category detected, Thread: %d, category being ended: File I/O\n"
+         "Current category is: Other\nInstrumentation engine suspends operation.\n",
          "Invalid category end call"},
     };
     for (const auto& c : cases) {
         std::remove(report_.c_str());
-        ASSERT_EQ(RC_OK, instrInit((dir_ + "/agent.log").c_str(), INSTR_CLIENT_DETAIL, 0));
+        ASSERT_EQ(RC_OK, instrInit(log_.c_str(), INSTR_CLIENT_DETAIL, 0));
         instrStart(INSTR_CLIENT_DETAIL);
         const InstrCategory order[] = {INSTR_FILE_IO, INSTR_CRC};
         for (int i = 0; i < c.begins; ++i) instrBegin(i < 2 ? order[i] : INSTR_COMPRESSION);
@@ -196,63 +175,45 @@ TEST_F(InstrTest, MisuseSuspendsEngineWithReport) {
     }
 }
 
-TEST_F(InstrTest, EachThreadReportedOnItsOwn) {
+TEST_F(InstrTest, EachThreadReportedOnItsOwnEvenWhileStillCounting) {
     instrStart(INSTR_DB_OPS);
-    int workers[2] = {0, 0};
-    auto work = [&](int slot, InstrCategory category, int ms) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> workers[2] = {{0}, {0}};
+    auto work = [&](int slot, InstrCategory category) {
         instrRegisterThread();
         workers[slot] = tid();
-        instrBegin(category);
-        sleepMs(ms);
-        instrEnd(category);
+        while (!stop) {
+            instrBegin(category);
+            instrEnd(category);
+        }
     };
-    std::thread first(work, 0, INSTR_DB_QUERY, 30);
-    std::thread second(work, 1, INSTR_DB_DELETE, 10);
+    std::thread first(work, 0, INSTR_DB_QUERY), second(work, 1, INSTR_DB_DELETE);
+    while (!workers[0] || !workers[1]) sleepMs(1);
+    sleepMs(20);
+    instrStop(INSTR_DB_OPS);  // the workers keep going; their events are ignored now
+    stop = true;
     first.join();
     second.join();
-    instrStop(INSTR_DB_OPS);
-    auto reports = parseReport(reportText());
-    EXPECT_EQ(1u, reports[workers[0]].sections.at("DB Query").uses);
-    EXPECT_GE(reports[workers[0]].sections.at("DB Query").seconds, 0.0295);
+    std::string text = reportText();
+    auto reports = parseReport(text);
+    EXPECT_LT(0u, reports[workers[0]].sections.at("DB Query").uses) << text;
     EXPECT_EQ(0u, reports[workers[0]].sections.count("DB Delete"));
-    EXPECT_EQ(1u, reports[workers[1]].sections.at("DB Delete").uses);
+    EXPECT_LT(0u, reports[workers[1]].sections.at("DB Delete").uses);
     EXPECT_EQ("DB Operations", reports[workers[1]].instrClass);
-    char idle[96];
-    snprintf(idle, sizeof(idle), "No instrumented activity reported for thread %d\n", tid());
-    EXPECT_NE(std::string::npos, reportText().find(idle));  // the starting thread did nothing
-}
-
-TEST_F(InstrTest, ReportWrittenWhileThreadStillCounts) {
-    instrStart(INSTR_CLIENT_DETAIL);
-    std::atomic<bool> stop{false};
-    std::atomic<int> worker{0};
-    std::thread busy([&] {
-        worker = tid();
-        while (!stop) {
-            instrBegin(INSTR_COMPUTE);
-            instrEnd(INSTR_COMPUTE);
-        }
-    });
-    while (worker == 0) sleepMs(1);
-    sleepMs(20);
-    instrStop(INSTR_CLIENT_DETAIL);  // the worker keeps going; its events are ignored now
-    stop = true;
-    busy.join();
-    auto reports = parseReport(reportText());
-    ASSERT_EQ(1u, reports[worker].sections.count("Compute"));
-    EXPECT_LT(0u, reports[worker].sections.at("Compute").uses);
-    EXPECT_EQ("Success", reports[worker].status);
-}
-
-void* recordTid(void* arg) {
-    static_cast<std::atomic<int>*>(arg)->store(tid());
-    return nullptr;
+    EXPECT_EQ("Success", reports[workers[1]].status);
+    // The starting thread did nothing.
+    EXPECT_NE(std::string::npos, text.find("No instrumented activity reported for thread " + std::to_string(tid()) + "\n"));
 }
 
 TEST_F(InstrTest, ThreadStartedBeforeAnyClassIsNamed) {
     std::atomic<int> loner{0};
     pthread_t handle;
-    PsThreadStartRec start = {&handle, nullptr, recordTid, &loner, 0, 0};
+    PsThreadStartRec start = {&handle, nullptr,
+                              [](void* arg) -> void* {
+                                  static_cast<std::atomic<int>*>(arg)->store(tid());
+                                  return nullptr;
+                              },
+                              &loner, 0, 0};
     ASSERT_EQ(0, psThreadStart(&start, "loner"));  // registered by the thread layer
     while (loner == 0) sleepMs(1);
     instrStart(INSTR_CLIENT_DETAIL);
