@@ -13,29 +13,6 @@
 
 namespace {
 
-// Holds a mutex on another thread until destroyed.
-class Holder {
-public:
-    explicit Holder(MutexHandle mutex)
-        : thread_([this, mutex] {
-              pkAcquireMutex(mutex);
-              number_ = psThreadNumber();
-              while (!release_) std::this_thread::yield();
-              pkReleaseMutex(mutex);
-          }) {
-        while (!number_) std::this_thread::yield();
-    }
-    ~Holder() {
-        release_ = true;
-        thread_.join();
-    }
-    std::atomic<int32_t> number_{0};
-
-private:
-    std::atomic<bool> release_{false};
-    std::thread thread_;
-};
-
 class PkThreadTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -51,16 +28,24 @@ protected:
 };
 
 TEST_F(PkThreadTest, TryLockHeldElsewhereIsBusyAndOwnerIsReported) {
-    {
-        Holder holder(mutex_);
-        EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex_));
-        EXPECT_EQ(holder.number_, pkMutexOwner(mutex_));
-        EXPECT_EQ(0, pkMutexHeldBySelf(mutex_));
-        psSetMultiThreaded(0);  // one thread: locking is skipped
-        EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
-        EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
-        psSetMultiThreaded(1);
-    }
+    std::atomic<int32_t> holder{0};
+    std::atomic<bool> release{false};
+    std::thread other([&] {
+        pkAcquireMutex(mutex_);
+        holder = psThreadNumber();
+        while (!release) std::this_thread::yield();
+        pkReleaseMutex(mutex_);
+    });
+    while (!holder) std::this_thread::yield();
+    EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex_));
+    EXPECT_EQ(holder, pkMutexOwner(mutex_));
+    EXPECT_EQ(0, pkMutexHeldBySelf(mutex_));
+    psSetMultiThreaded(0);  // one thread: locking is skipped
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
+    psSetMultiThreaded(1);
+    release = true;
+    other.join();
     EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
     EXPECT_EQ(psThreadNumber(), pkMutexOwner(mutex_));
     EXPECT_EQ(EDEADLK, pkAcquireMutex(mutex_));
@@ -90,4 +75,3 @@ TEST_F(PkThreadTest, ConditionWakesWaiterHoldingTheMutex) {
 }
 
 }  // namespace
-

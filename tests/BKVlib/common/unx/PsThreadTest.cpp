@@ -17,10 +17,7 @@ using ::testing::HasSubstr;
 namespace {
 
 TEST(PsDelayTest, SplitsIntoSecondsAndMicroseconds) {
-    const struct {
-        int32_t ms;
-        long seconds, micros;
-    } cases[] = {{1500, 1, 500000}, {999, 0, 999000}, {1000, 1, 0}, {0, 0, 0}, {2001, 2, 1000}};
+    const struct { int32_t ms; long seconds, micros; } cases[] = {{1500, 1, 500000}, {999, 0, 999000}, {1000, 1, 0}, {0, 0, 0}, {2001, 2, 1000}};
     for (const auto& c : cases) {
         long seconds = -1, micros = -1;
         psDelaySplit(c.ms, &seconds, &micros);
