@@ -1,5 +1,4 @@
-// Mutexes with owner tracking, try-lock across threads, the single-threaded skip,
-// and conditions.
+// Mutexes with owner tracking, try-lock across threads and the single-threaded skip.
 #include "BKVlib/common/thrd/pkthread.h"
 
 #include <gtest/gtest.h>
@@ -52,26 +51,6 @@ TEST_F(PkThreadTest, TryLockHeldElsewhereIsBusyAndOwnerIsReported) {
     EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
     EXPECT_EQ(0, pkMutexOwner(mutex_));
     EXPECT_EQ(-1, pkTryMutex(nullptr));
-}
-
-TEST_F(PkThreadTest, ConditionWakesWaiterHoldingTheMutex) {
-    CondHandle cond = nullptr;
-    ASSERT_EQ(RC_OK, pkCreateCondition(&cond));
-    EXPECT_EQ(-1, pkWaitCondition(cond, mutex_));  // not held
-    bool flag = false;
-    std::thread signaller;
-    {
-        MutexLock lock(mutex_);
-        signaller = std::thread([&] {
-            MutexLock inner(mutex_);
-            flag = true;
-            pkSignalCondition(cond);
-        });
-        while (!flag) EXPECT_EQ(RC_OK, pkWaitCondition(cond, mutex_));
-        EXPECT_EQ(1, pkMutexHeldBySelf(mutex_));
-    }
-    signaller.join();
-    EXPECT_EQ(RC_OK, pkDestroyCondition(&cond));
 }
 
 }  // namespace
