@@ -24,8 +24,8 @@ public:
         std::vector<msgc::SourceMessage> messages;
         std::map<uint16_t, msgc::SourceMessage> catalogue;
         std::string gencat, error;
-        if (!msgc::parseSource(source, name, &messages, &error) || !msgc::mergeSource(messages, name, &catalogue, &error) ||
-            !msgc::gencatSource(catalogue, &gencat, &error)) {
+        if (!msgc::parseSource(source, name, &messages, &error) ||
+            !msgc::mergeSource(messages, name, &catalogue, &error) || !msgc::gencatSource(catalogue, &gencat, &error)) {
             return error;
         }
         return runGencat(lang, name, gencat);

@@ -29,10 +29,12 @@ protected:
 };
 
 TEST_F(GlobalRCTest, MessageNumbersMapToReturnCodes) {
-    const struct { int32_t msgNum, rc; } cases[] = {{1, 0},   {2, 8},   {3, 12},  {4, 12},  {5, 12},   {6, 0},    {201, 4}, {223, 4},
+    const struct { int32_t msgNum, rc; } cases[] = {
+        {1, 0},   {2, 8},   {3, 12},  {4, 12},  {5, 12},   {6, 0},    {201, 4}, {223, 4},
                  {230, 4}, {251, 4}, {262, 4}, {266, 4}, {263, 12}, {250, 12}, {9999, 0}, {-1, 0}};
     for (const auto& c : cases) EXPECT_EQ(c.rc, GlobalrC::msgRC(c.msgNum)) << c.msgNum;
-    const struct { bool enabled; int32_t value, rc; } overrides[] = {{true, 6, 6}, {true, 0, 8}, {true, -3, 8}, {false, 6, 12}};
+    const struct { bool enabled; int32_t value, rc; } overrides[] = {
+        {true, 6, 6}, {true, 0, 8}, {true, -3, 8}, {false, 6, 12}};
     for (const auto& o : overrides) {
         GlobalrC::setMsg250Override(o.enabled, o.value);
         EXPECT_EQ(o.rc, GlobalrC::msgRC(250)) << o.enabled << " " << o.value;
