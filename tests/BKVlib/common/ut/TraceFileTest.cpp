@@ -44,11 +44,7 @@ TEST_F(TraceFileTest, PrefixPartsComeInFixedOrder) {
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
     const std::string pid = "\\[[0-9]{6,}\\] ";
     const std::string place = "src/file\\.cpp        \\(  42\\): value 7\n";
-    const struct {
-        const char* flags;
-        int32_t clientType;
-        std::string pattern;
-    } cases[] = {
+    const struct { const char* flags; int32_t clientType; std::string pattern; } cases[] = {
         {"-TIMESTAMP", 9, place},
         {"-TIMESTAMP -PREFIX", 9, "value 7\n"},
         {"-PREFIX", 9, stamp + ": value 7\n"},
@@ -92,7 +88,7 @@ TEST_F(TraceFileTest, PlainFileAppendsAfterHeaderAndAnnounces) {
 TEST_F(TraceFileTest, LongAndWideRecordsAreWrittenWholeAndKeepErrno) {
     EXPECT_EQ(0, trPrintf("f", 1, "inactive"));
     begin("-TIMESTAMP -PREFIX");
-    std::string longText(10000, 'q');
+    const std::string longText(10000, 'q');
     errno = 1234;
     EXPECT_EQ(10001, trPrintf("f", 1, "%s", longText.c_str()));
     EXPECT_EQ(1234, errno);
@@ -102,17 +98,10 @@ TEST_F(TraceFileTest, LongAndWideRecordsAreWrittenWholeAndKeepErrno) {
 
 TEST_F(TraceFileTest, BadNamesAndUnusableDirectoriesAreRefused) {
     writeFile(dir_.file("plainfile"), "x");
-    const struct {
-        std::string name;
-        int32_t rc;
-    } cases[] = {
-        {"", -1},
-        {std::string(1024, 'n'), -1},
-        {dir_.file("missing/t.trc"), RC_TRACE_DIR_UNUSABLE},
-        {dir_.file("plainfile/t.trc"), RC_TRACE_DIR_UNUSABLE},
-        {"STDERR", 0},
-    };
-    for (const auto& c : cases) EXPECT_EQ(c.rc, trSetFileName(c.name.c_str())) << c.name;
+    const std::pair<std::string, int32_t> cases[] = {
+        {"", -1}, {std::string(1024, 'n'), -1}, {dir_.file("missing/t.trc"), RC_TRACE_DIR_UNUSABLE},
+        {dir_.file("plainfile/t.trc"), RC_TRACE_DIR_UNUSABLE}, {"STDERR", 0}};
+    for (const auto& c : cases) EXPECT_EQ(c.second, trSetFileName(c.first.c_str())) << c.first;
     testing::internal::CaptureStdout();
     EXPECT_EQ(-1, trBegin("", 0));
     EXPECT_EQ(RC_TRACE_OPEN_FAILED, trBegin(dir_.file("no/t.trc").c_str(), 0));

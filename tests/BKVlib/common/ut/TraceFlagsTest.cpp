@@ -68,7 +68,9 @@ TEST_F(TraceFlagsTest, CallerTablesAndSelfReferringAggregate) {
 }
 
 TEST(TraceTablesTest, EveryAggregateNamesKnownWords) {
-    for (const TraceAggregate* row = trLibAggregates; row->name; ++row) EXPECT_EQ(0, trSetLibFlags(row->members, 1)) << row->name;
+    for (const TraceAggregate* row = trLibAggregates; row->name; ++row) {
+        EXPECT_EQ(0, trSetLibFlags(row->members, 1)) << row->name;
+    }
 }
 
 }  // namespace

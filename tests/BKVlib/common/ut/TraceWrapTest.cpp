@@ -46,8 +46,8 @@ TEST_F(TraceWrapTest, NewFileHeaderAndOffsetPointAtEndMarker) {
     put("first");
     std::string text = readFile(path_);
     std::string offset = std::to_string(recordedOffset(text));
-    EXPECT_EQ("QLX Trace   " + offset + std::string(12 - offset.size(), ' ') + "7          ZOR Quillon 5.2.8.0   Build date: " +
-                  PP_BUILD_DATE + "\n\nBEGINNING NEW TRACE\n\nfirst\n" + kEnd,
+    EXPECT_EQ("QLX Trace   " + offset + std::string(12 - offset.size(), ' ') + "7          ZOR Quillon 5.2.8.0   " +
+                  "Build date: " + PP_BUILD_DATE + "\n\nBEGINNING NEW TRACE\n\nfirst\n" + kEnd,
               text);
     EXPECT_EQ(text.size() - kEnd.size(), recordedOffset(text));
 }
@@ -75,12 +75,8 @@ TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
         writeFile(path, "some other program's log\n" + text.substr(text.find('\n') + 1));
     };
     auto growPastOneMiB = [](const std::string& path) { writeFile(path, readFile(path) + std::string(kMiB, 'x')); };
-    const struct {
-        const char* name;
-        uint32_t firstMax, secondMax;
-        std::function<void(const std::string&)> change;
-        bool continued;
-    } cases[] = {
+    using Change = std::function<void(const std::string&)>;
+    const struct { const char* name; uint32_t firstMax, secondMax; Change change; bool continued; } cases[] = {
         {"equal maximum", 2, 2, nullptr, true},
         {"larger maximum", 2, 3, nullptr, true},
         {"smaller maximum", 2, 1, nullptr, false},
@@ -132,22 +128,15 @@ TEST_F(TraceWrapTest, SegmentsFillInTurnAndRestartEachFileAnew) {
 }
 
 TEST_F(TraceWrapTest, SegmentArithmetic) {
-    const struct {
-        uint32_t maxMB, segMB;
-        bool segFirst;
-        int32_t segCount;
-        uint32_t segSize, lastSeg;
-    } cases[] = {
+    const struct { uint32_t maxMB, segMB; bool segFirst; int32_t segCount; uint32_t segSize, lastSeg; } cases[] = {
         {2500, 0, false, 3, 1000, 500}, {3000, 0, false, 3, 1000, 1000}, {1000, 0, false, 0, 0, 0},
-        {10, 3, false, 4, 3, 1},        {10, 3, true, 4, 3, 1},          {2, 5, false, 1, 2, 2},
-        {0, 4, false, -1, 4, 4},
-    };
+        {10, 3, false, 4, 3, 1}, {10, 3, true, 4, 3, 1}, {2, 5, false, 1, 2, 2}, {0, 4, false, -1, 4, 4}};
     for (const auto& c : cases) {
         resetTrace();
         if (c.segFirst) trSetSegSizeMB(c.segMB);
         if (c.maxMB) trSetMaxMB(c.maxMB);
         if (c.segMB && !c.segFirst) trSetSegSizeMB(c.segMB);
-        std::string label = std::to_string(c.maxMB) + "/" + std::to_string(c.segMB);
+        const std::string label = std::to_string(c.maxMB) + "/" + std::to_string(c.segMB);
         EXPECT_EQ(c.segCount, trState.segCount) << label;
         EXPECT_EQ(c.segSize, trState.segSizeMB) << label;
         EXPECT_EQ(c.lastSeg, trState.lastSegMB) << label;
@@ -157,11 +146,8 @@ TEST_F(TraceWrapTest, SegmentArithmetic) {
 // Runs in a child with a 64 KB tmpfs at mountPoint; 0 when every kind of trace
 // was switched off by the full disk and errno stayed as it was.
 int fillTinyDisk(const std::string& mountPoint) {
-    const struct {
-        const char* name;
-        uint32_t maxMB;
-        bool raw;
-    } kinds[] = {{"plain.trc", 0, false}, {"wrap.trc", 1, false}, {"raw.trc", 0, true}};
+    const struct { const char* name; uint32_t maxMB; bool raw; } kinds[] = {
+        {"plain.trc", 0, false}, {"wrap.trc", 1, false}, {"raw.trc", 0, true}};
     const std::string chunk(1000, 'd');
     int failures = 0;
     for (const auto& kind : kinds) {
