@@ -47,9 +47,8 @@ public:
 
 private:
     std::string runGencat(const std::string& lang, const std::string& name, const std::string& gencat) {
-        std::string msgFile = root_.file(lang + "_" + name + ".msg");
-        testfiles::writeFile(msgFile, gencat);
-        std::filesystem::create_directories(dir() + "/" + lang);
+        const std::string msgFile = path(lang, name + ".msg");
+        addFile(lang, name + ".msg", gencat);
         std::string cmd = "LC_ALL=C.UTF-8 gencat '" + path(lang, name) + "' '" + msgFile + "' 2>&1";
         return system(cmd.c_str()) == 0 ? std::string() : "gencat failed for " + msgFile;
     }
