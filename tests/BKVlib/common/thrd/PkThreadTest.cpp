@@ -12,45 +12,36 @@
 
 namespace {
 
-class PkThreadTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        psSetMultiThreaded(1);
-        ASSERT_EQ(RC_OK, pkCreateMutex(&mutex_));
-    }
-    void TearDown() override {
-        psSetMultiThreaded(1);
-        EXPECT_EQ(RC_OK, pkDestroyMutex(&mutex_));
-        EXPECT_EQ(nullptr, mutex_);
-    }
-    MutexHandle mutex_ = nullptr;
-};
-
-TEST_F(PkThreadTest, TryLockHeldElsewhereIsBusyAndOwnerIsReported) {
+TEST(PkThreadTest, TryLockHeldElsewhereIsBusyAndOwnerIsReported) {
+    psSetMultiThreaded(1);
+    MutexHandle mutex = nullptr;
+    ASSERT_EQ(RC_OK, pkCreateMutex(&mutex));
     std::atomic<int32_t> holder{0};
     std::atomic<bool> release{false};
     std::thread other([&] {
-        pkAcquireMutex(mutex_);
+        pkAcquireMutex(mutex);
         holder = psThreadNumber();
         while (!release) std::this_thread::yield();
-        pkReleaseMutex(mutex_);
+        pkReleaseMutex(mutex);
     });
     while (!holder) std::this_thread::yield();
-    EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex_));
-    EXPECT_EQ(holder, pkMutexOwner(mutex_));
-    EXPECT_EQ(0, pkMutexHeldBySelf(mutex_));
+    EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex));
+    EXPECT_EQ(holder, pkMutexOwner(mutex));
+    EXPECT_EQ(0, pkMutexHeldBySelf(mutex));
     psSetMultiThreaded(0);  // one thread: locking is skipped
-    EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
-    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex));
     psSetMultiThreaded(1);
     release = true;
     other.join();
-    EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
-    EXPECT_EQ(psThreadNumber(), pkMutexOwner(mutex_));
-    EXPECT_EQ(EDEADLK, pkAcquireMutex(mutex_));
-    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
-    EXPECT_EQ(0, pkMutexOwner(mutex_));
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex));
+    EXPECT_EQ(psThreadNumber(), pkMutexOwner(mutex));
+    EXPECT_EQ(EDEADLK, pkAcquireMutex(mutex));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex));
+    EXPECT_EQ(0, pkMutexOwner(mutex));
     EXPECT_EQ(-1, pkTryMutex(nullptr));
+    EXPECT_EQ(RC_OK, pkDestroyMutex(&mutex));
+    EXPECT_EQ(nullptr, mutex);
 }
 
 }  // namespace
