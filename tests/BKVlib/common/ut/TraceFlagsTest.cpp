@@ -27,7 +27,6 @@ TEST_F(TraceFlagsTest, ListsSwitchTheNamedClasses) {
         {{"ALL", "-SERVICE"}, {TR_TIMESTAMP}, {TR_ERROR, TR_NLS, TR_BTREEDB}},
         // ALL_PROC names ALL_SESS, which the table defines after it.
         {{"ALL_PROC"}, {TR_INCR, TR_DIROPS, TR_SESSION, TR_C2C}, {TR_NLS}},
-        {{"ALL_HARBOR ALL_VAULTDB"}, {TR_HARBOR, TR_HARBOR_COMM, TR_VAULTDB_DETAIL}, {TR_DEF27431}},
     };
     for (const auto& c : cases) {
         resetTrace();
