@@ -20,7 +20,7 @@ bool gSystemFails = false;
 
 const KfwSystemAllocator kCounting = {
     [](size_t size) -> void* { return gSystemFails ? nullptr : (++gSystemAllocs, malloc(size)); },
-    [](void* block) { ++gSystemReleases, free(block); }};
+    [](void* block) { ++gSystemReleases; free(block); }};
 
 CBlkHead* head(void* p) { return static_cast<CBlkHead*>(p) - 1; }
 
@@ -108,7 +108,8 @@ TEST_F(KfwemTest, ReallocGrowsInPlaceOrMovesKeepingContentsAndCallocZeroes) {
     EXPECT_EQ(1, stats().directBlocks);
     EXPECT_EQ(direct, KF_REALLOC(direct, 10));  // shrinking keeps the block
     KF_FREE(direct);
-    memset(p = KF_MALLOC(200), 0xEE, 200);
+    p = KF_MALLOC(200);
+    memset(p, 0xEE, 200);  // calloc must clear what an earlier block left behind
     KF_FREE(p);
     char* zeroed = static_cast<char*>(KF_CALLOC(50, 4));
     EXPECT_EQ(std::string(200, '\0'), std::string(zeroed, 200));
