@@ -64,8 +64,7 @@ protected:
 TEST_F(KfwemTest, RequestsRoundUpToEightWithHeaderAndSmallRemaindersGoWithTheBlock) {
     const struct { size_t request; int32_t block; long leftFree; } cases[] = {  // leftFree -1: not checked
         {1, 16, -1}, {8, 16, -1}, {9, 24, -1}, {17, 32, -1}, {1000, 1008, -1},
-        {KF_SEG_SIZE, KF_SEG_SIZE + 8, 0},         // exact fit
-        {KF_SEG_SIZE - 16, KF_SEG_SIZE + 8, 0},    // 16 left over goes with the block
+        {KF_SEG_SIZE, KF_SEG_SIZE + 8, 0}, {KF_SEG_SIZE - 16, KF_SEG_SIZE + 8, 0},  // exact fit; 16 left go with it
         {KF_SEG_SIZE - 24, KF_SEG_SIZE - 16, 24},  // 24 left over is split off
     };
     for (const auto& c : cases) {

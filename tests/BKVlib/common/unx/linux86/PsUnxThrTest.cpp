@@ -61,7 +61,7 @@ TEST_F(PsUnxThrTest, ShutdownSignalEndsTheWait) {
     }
 }
 
-std::atomic<bool> gStopSecond{false};
+std::atomic<bool> gFirstRunning{false}, gStopSecond{false};
 std::atomic<long> gSecondTicks{0};
 
 pthread_t startJoinable(void* (*start)(void*)) {
@@ -79,12 +79,14 @@ TEST_F(PsUnxThrTest, Sigusr1EndsOnlyTheSignalledThread) {
         PsSignalSets sets;
         psSetupSignals(&sets);
         pthread_t first = startJoinable([](void*) -> void* {
+            gFirstRunning = true;  // from here on it holds no lock the signal could leave taken
             for (;;) pause();
         });
         pthread_t second = startJoinable([](void*) -> void* {
             for (; !gStopSecond; ++gSecondTicks) psThreadDelay(1);
             return nullptr;
         });
+        while (!gFirstRunning) psThreadDelay(1);
         if (psSignalThread(first, SIGUSR1) != 0) return 11;
         pthread_join(first, nullptr);
         for (long before = gSecondTicks; gSecondTicks < before + 5;) psThreadDelay(1);
