@@ -3,42 +3,29 @@
 #ifndef TESTS_BKVLIB_COMMON_NLS_NLSTESTCATALOG_H
 #define TESTS_BKVLIB_COMMON_NLS_NLSTESTCATALOG_H
 
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <fstream>
+#include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "tests/support/TestFiles.h"
 #include "tools/msgc/MsgCompiler.h"
 
 class NlsTestCatalog {
 public:
-    NlsTestCatalog() {
-        char pattern[] = "/tmp/nlstestXXXXXX";
-        root_ = mkdtemp(pattern) ? pattern : "";
-    }
-    ~NlsTestCatalog() {
-        if (!root_.empty()) (void)system(("rm -rf '" + root_ + "'").c_str());
-    }
-    NlsTestCatalog(const NlsTestCatalog&) = delete;
-    NlsTestCatalog& operator=(const NlsTestCatalog&) = delete;
+    const std::string& dir() const { return root_.path(); }
+    std::string path(const std::string& lang, const std::string& name) const { return dir() + "/" + lang + "/" + name; }
 
-    const std::string& dir() const { return root_; }
-    std::string path(const std::string& lang, const std::string& name) const { return root_ + "/" + lang + "/" + name; }
-
-    // Compiles message source text into lang/name; returns the compiler's or
-    // gencat's complaint, empty on success.
+    // Compiles message source text into lang/name; returns the complaint, empty on success.
     std::string add(const std::string& lang, const std::string& name, const std::string& source) {
         std::vector<msgc::SourceMessage> messages;
         std::map<uint16_t, msgc::SourceMessage> catalogue;
         std::string gencat, error;
         if (!msgc::parseSource(source, name, &messages, &error) ||
-            !msgc::mergeSource(messages, name, &catalogue, &error) ||
-            !msgc::gencatSource(catalogue, &gencat, &error)) {
+            !msgc::mergeSource(messages, name, &catalogue, &error) || !msgc::gencatSource(catalogue, &gencat, &error)) {
             return error;
         }
         return runGencat(lang, name, gencat);
@@ -54,20 +41,19 @@ public:
 
     // Writes bytes as lang/name, for files that are no catalogue at all.
     void addFile(const std::string& lang, const std::string& name, const std::string& bytes) {
-        (void)system(("mkdir -p '" + root_ + "/" + lang + "'").c_str());
-        std::ofstream(path(lang, name), std::ios::binary) << bytes;
+        std::filesystem::create_directories(dir() + "/" + lang);
+        testfiles::writeFile(path(lang, name), bytes);
     }
 
 private:
     std::string runGencat(const std::string& lang, const std::string& name, const std::string& gencat) {
-        std::string msgFile = root_ + "/" + lang + "_" + name + ".msg";
-        addFile(".", lang + "_" + name + ".msg", gencat);
-        (void)system(("mkdir -p '" + root_ + "/" + lang + "'").c_str());
+        const std::string msgFile = path(lang, name + ".msg");
+        addFile(lang, name + ".msg", gencat);
         std::string cmd = "LC_ALL=C.UTF-8 gencat '" + path(lang, name) + "' '" + msgFile + "' 2>&1";
         return system(cmd.c_str()) == 0 ? std::string() : "gencat failed for " + msgFile;
     }
 
-    std::string root_;
+    testfiles::TempDir root_;
 };
 
 #endif

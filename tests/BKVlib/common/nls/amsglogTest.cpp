@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,28 +12,27 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "tests/BKVlib/common/nls/NlsTestCatalog.h"
 
+using testfiles::readFile;
+
 namespace {
 
 std::vector<std::pair<uint8_t, std::string>> gLogged;
 
-void captureLogger(uint8_t severity, const char* text) {
-    gLogged.emplace_back(severity, text);
-}
+// Date and time in the library's default formats, then the text.
+const std::string kStamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d )";
 
 class NlLogPrintfTest : public ::testing::Test {
 protected:
     void SetUp() override {
         nlsTerminate();
         ASSERT_EQ("", catalog_.add("en_US", "lib.cat",
-                                   "1 KRN0001I Copied %d files to %s.\n"
-                                   "2 KRN0002E Failed on %s.\n"
-                                   "227 KRN0227I Not for the schedule log.\n"
-                                   "250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
+                                   "1 KRN0001I Copied %d files to %s.\n2 KRN0002E Failed on %s.\n227 KRN0227I Not for "
+                                   "the schedule log.\n250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
         std::string used;
         ASSERT_EQ(0, nlsInit("lib.cat", catalog_.dir().c_str(), "lib.cat", NlsSettings(), &used));
         GlobalrC::instance()->clearAllRC();
         gLogged.clear();
-        nlSetSeverityLogger(captureLogger);
+        nlSetSeverityLogger([](uint8_t severity, const char* text) { gLogged.emplace_back(severity, text); });
     }
     void TearDown() override {
         for (int32_t log : {NL_LOG_ERROR, NL_LOG_SCHED, NL_LOG_THIRD}) nlCloseLog(log);
@@ -43,123 +40,72 @@ protected:
         nlsTerminate();
     }
     std::string logPath(const char* name) const { return catalog_.dir() + "/" + name; }
-    static std::string readLog(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        std::ostringstream out;
-        out << in.rdbuf();
-        return out.str();
-    }
-    uint16_t issue(NlMsgDesc* desc, char* buffer, uint16_t avail, ...) {
+    uint16_t issue(NlMsgDesc* desc, uint32_t flags, char* buffer, uint16_t avail, ...) {
+        desc->flags = flags;
         va_list args;
         va_start(args, avail);
         uint16_t n = nlLogPrintf(desc, buffer, avail, args);
         va_end(args);
         return n;
     }
+    bool logMatches(const char* name, const std::string& pattern) {
+        return std::regex_match(readFile(logPath(name)), std::regex(pattern));
+    }
     NlsTestCatalog catalog_;
 };
 
-TEST_F(NlLogPrintfTest, CopiesTextAndWritesStdoutWithNewline) {
+TEST_F(NlLogPrintfTest, CopiesTextWritesStdoutAndHandsSeverityToLogger) {
     char buffer[64];
     NlMsgDesc desc;
     desc.number = 1;
-    desc.flags = NL_STDOUT | NL_NEWLINE;
     testing::internal::CaptureStdout();
-    uint16_t n = issue(&desc, buffer, sizeof(buffer), 3, "/tmp");
-    std::string out = testing::internal::GetCapturedStdout();
+    uint16_t n = issue(&desc, NL_STDOUT | NL_NEWLINE, buffer, sizeof(buffer), 3, "/tmp");
+    EXPECT_EQ("KRN0001I Copied 3 files to /tmp.\n", testing::internal::GetCapturedStdout());
     EXPECT_EQ("KRN0001I Copied 3 files to /tmp.", std::string(buffer, n));
     EXPECT_EQ(n, desc.length);
-    EXPECT_EQ("KRN0001I Copied 3 files to /tmp.\n", out);
     EXPECT_EQ(0, GlobalrC::instance()->get());
+    desc.number = 2;
+    ASSERT_EQ(23, issue(&desc, NL_INSERTS | NL_SEVERITY | NL_NEWLINE, buffer, sizeof(buffer), "sdb"));
+    EXPECT_EQ(1, desc.insertCount);
+    EXPECT_EQ(4, desc.messageType);
+    EXPECT_EQ((std::vector<std::pair<uint8_t, std::string>>{{NL_SEV_E, "KRN0002E Failed on sdb.\n"}}), gLogged);
 }
 
 TEST_F(NlLogPrintfTest, TooSmallBufferWritesNowhereButRaisesReturnCode) {
     char buffer[8] = "unused";
     NlMsgDesc desc;
     desc.number = 2;
-    desc.flags = NL_STDOUT | NL_SEVERITY;
+    EXPECT_EQ(0, issue(&desc, NL_INSERTS, buffer, sizeof(buffer), "/a/very/long/path/name"));
+    EXPECT_EQ(0, GlobalrC::instance()->get());  // inserts too large stop before the return code
     testing::internal::CaptureStdout();
-    EXPECT_EQ(0, issue(&desc, buffer, sizeof(buffer), "sda"));
+    EXPECT_EQ(0, issue(&desc, NL_STDOUT | NL_SEVERITY, buffer, sizeof(buffer), "sda"));
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
     EXPECT_STREQ("unused", buffer);
     EXPECT_TRUE(gLogged.empty());
     EXPECT_EQ(GRC_SEVERE, GlobalrC::instance()->get());
+    EXPECT_EQ(0, nlIssue(77, 0));  // not in the catalogue
 }
 
-TEST_F(NlLogPrintfTest, InsertsLargerThanBufferStopBeforeReturnCode) {
-    char buffer[8];
-    NlMsgDesc desc;
-    desc.number = 2;
-    desc.flags = NL_INSERTS;
-    EXPECT_EQ(0, issue(&desc, buffer, sizeof(buffer), "/a/very/long/path/name"));
-    EXPECT_EQ(0, GlobalrC::instance()->get());
-    char big[128];
-    EXPECT_EQ(23, issue(&desc, big, sizeof(big), "sda"));
-    EXPECT_EQ(1, desc.insertCount);
-    EXPECT_EQ(4, desc.messageType);
-}
-
-TEST_F(NlLogPrintfTest, SeverityFlagHandsTextAndSeverityToLogger) {
-    char buffer[64];
-    NlMsgDesc desc;
-    desc.number = 2;
-    desc.flags = NL_SEVERITY | NL_NEWLINE;
-    ASSERT_EQ(23, issue(&desc, buffer, sizeof(buffer), "sdb"));
-    ASSERT_EQ(1u, gLogged.size());
-    EXPECT_EQ(NL_SEV_E, gLogged[0].first);
-    EXPECT_EQ("KRN0002E Failed on sdb.\n", gLogged[0].second);
-}
-
-TEST_F(NlLogPrintfTest, MissingMessageIssuesNothing) {
-    char buffer[64];
-    NlMsgDesc desc;
-    desc.number = 77;
-    EXPECT_EQ(0, issue(&desc, buffer, sizeof(buffer)));
-    EXPECT_EQ(0, nlIssue(77, 0));
-    EXPECT_EQ(23, nlIssue(2, 0, "sdc"));
-}
-
-// Date and time in the library's default formats, then the text.
-const char* const kStamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d )";
-
-TEST_F(NlLogPrintfTest, ErrorLogLinesAreStampedAndEndInNewline) {
+TEST_F(NlLogPrintfTest, LogLinesAreStampedOnce) {
     EXPECT_EQ(RC_OK, nlErrorLogWrite("not open yet"));
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_THIRD, logPath("third.log").c_str(), 0));
+    EXPECT_EQ(RC_OK, nlThirdLogWrite("narrow\n"));
+    EXPECT_EQ(RC_OK, nlThirdLogWriteW(L"wide"));
     ASSERT_EQ(0, nlOpenLog(NL_LOG_ERROR, logPath("error.log").c_str(), 0));
     nlIssue(2, NL_ERRORLOG, "sda");
     nlIssue(1, NL_ERRORLOG | NL_NEWLINE, 2, "/b");
-    nlIssue(1, 0, 3, "/c");
-    std::string expected = std::string(kStamp) + "KRN0002E Failed on sda\\.\n" + kStamp +
-                           "KRN0001I Copied 2 files to /b\\.\n";
-    EXPECT_TRUE(std::regex_match(readLog(logPath("error.log")), std::regex(expected))) << readLog(logPath("error.log"));
-    nlsTerminate();
-    EXPECT_EQ(RC_MISSING_ARG, nlErrorLogWrite("no repository"));
-}
-
-TEST_F(NlLogPrintfTest, WrappingErrorLogStaysWithinItsSize) {
-    ASSERT_EQ(0, nlOpenLog(NL_LOG_ERROR, logPath("wrap.log").c_str(), 600));
-    for (int i = 0; i < 40; ++i) nlIssue(1, NL_ERRORLOG, i, "/wrapped");
-    std::string log = readLog(logPath("wrap.log"));
-    EXPECT_EQ(600u, log.size());
-    EXPECT_EQ(0u, log.find("LOGHEADERREC"));
-    EXPECT_NE(std::string::npos, log.find("Copied 39 files"));
-}
-
-TEST_F(NlLogPrintfTest, ScheduleLogStampsOnlyNewLines) {
     ASSERT_EQ(0, nlOpenLog(NL_LOG_SCHED, logPath("sched.log").c_str(), 0));
     nlSchedLogWrite("part one, ");
     nlSchedLogWrite("continued\n");
     nlIssue(227, NL_NEWLINE);
     nlIssue(2, NL_NEWLINE, "sdd");
-    std::string expected = std::string(kStamp) + "part one, continued\n" + kStamp + "KRN0002E Failed on sdd\\.\n";
-    EXPECT_TRUE(std::regex_match(readLog(logPath("sched.log")), std::regex(expected))) << readLog(logPath("sched.log"));
-}
-
-TEST_F(NlLogPrintfTest, ThirdLogOneLinePerTextNarrowAndWide) {
-    ASSERT_EQ(0, nlOpenLog(NL_LOG_THIRD, logPath("third.log").c_str(), 0));
-    EXPECT_EQ(RC_OK, nlThirdLogWrite("narrow\n"));
-    EXPECT_EQ(RC_OK, nlThirdLogWriteW(L"wide"));
-    std::string expected = std::string(kStamp) + "narrow\n" + kStamp + "wide\n";
-    EXPECT_TRUE(std::regex_match(readLog(logPath("third.log")), std::regex(expected))) << readLog(logPath("third.log"));
+    const std::string errors = kStamp + "KRN0002E Failed on sda\\.\n" + kStamp + "KRN0001I Copied 2 files to /b\\.\n";
+    EXPECT_TRUE(logMatches("error.log", errors)) << readFile(logPath("error.log"));
+    EXPECT_TRUE(logMatches("sched.log", kStamp + "part one, continued\n" + kStamp + "KRN0002E Failed on sdd\\.\n"))
+        << readFile(logPath("sched.log"));
+    EXPECT_TRUE(logMatches("third.log", kStamp + "narrow\n" + kStamp + "wide\n")) << readFile(logPath("third.log"));
+    nlsTerminate();
+    EXPECT_EQ(RC_MISSING_ARG, nlErrorLogWrite("no repository"));
 }
 
 TEST_F(NlLogPrintfTest, FailedThirdLogIsSwitchedOffWithMessage250) {
@@ -167,36 +113,26 @@ TEST_F(NlLogPrintfTest, FailedThirdLogIsSwitchedOffWithMessage250) {
     if (nlOpenLog(NL_LOG_THIRD, "/dev/full", 0) != 0) GTEST_SKIP() << "/dev/full cannot be opened as a log here";
     EXPECT_EQ(RC_LOG_WRITE_FAILED, nlThirdLogWrite("lost"));
     EXPECT_EQ(RC_OK, nlThirdLogWrite("not written: the log is off"));
-    EXPECT_NE(std::string::npos, readLog(logPath("error.log")).find("KRN0250E Log /dev/full off: "));
+    EXPECT_NE(std::string::npos, readFile(logPath("error.log")).find("KRN0250E Log /dev/full off: "));
     EXPECT_EQ(GRC_SEVERE, GlobalrC::instance()->get());
 }
 
 TEST(NlYesNoTest, WordLists) {
-    const struct {
-        const char* word;
-        int32_t expected;
-    } cases[] = {
-        {"y", 1},       {"Yes", 1},     {"10-4", 1},   {"youBetcha", 1}, {"SI", 1},    {"bodacious", 1},
-        {"of", 0},      {"Nein", 0},    {"0", 0},      {"NoWayMan", 0},  {"bogus", 0}, {"f", 0},
-        {"maybe", -9999}, {"", -9999},  {"ye s", -9999}, {"yess", -9999}, {nullptr, -9999},
-    };
-    for (const auto& c : cases) EXPECT_EQ(c.expected, nlYesNo(c.word, 1, 0)) << (c.word ? c.word : "null");
+    const std::pair<const char*, int32_t> cases[] = {
+        {"y", 1},       {"Yes", 1},     {"10-4", 1},    {"youBetcha", 1},  {"SI", 1},         {"bodacious", 1},
+        {"of", 0},      {"Nein", 0},    {"0", 0},       {"NoWayMan", 0},   {"bogus", 0},      {"f", 0},
+        {"maybe", -9999}, {"", -9999},  {"ye s", -9999}, {"yess", -9999},  {nullptr, -9999}};
+    for (const auto& c : cases) EXPECT_EQ(c.second, nlYesNo(c.first, 1, 0)) << (c.first ? c.first : "null");
 }
 
 TEST(NlHexTextTest, Modes) {
     std::string counting;
     for (int i = 0; i < 40; ++i) counting.push_back(static_cast<char>(i));
-    const struct {
-        std::string data;
-        int32_t mode;
-        std::string expected;
-    } cases[] = {
+    const struct { std::string data; int32_t mode; std::string expected; } cases[] = {
         {std::string("\xC1\xC2\x81\x40\x5A\x00", 6), 0, "ABa !."},
         {"a\x01" "b\xFF", 1, "a.b."},
         {"\x01\xAB", 2, "01AB"},
-        {counting, 3,
-         "00010203 04050607 08090A0B 0C0D0E0F 10111213 14151617 18191A1B 1C1D1E1F \n20212223 24252627"},
-        {"abcd", 3, "61626364"},
+        {counting, 3, "00010203 04050607 08090A0B 0C0D0E0F 10111213 14151617 18191A1B 1C1D1E1F \n20212223 24252627"},
         {"abc", 4, "abc"},
         {"ab\x01", 4, "616201"},
         {"a\x01", 9, "a."},

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
@@ -14,14 +15,10 @@
 namespace {
 
 const char* const kEnglish =
-    "1 KRN0001I Plain text without inserts.\n"
-    "2 KRN0002E Copied %d of %s files.\n"
-    "3 KRN0003W File %2$s has %1$d bytes.\n"
-    "4 KRN0004I [%*d|%-6s|%.2f|%lu]\n"
-    "5 KRN0005T Trace text %s\n"
-    "6 KRN0006K Kept %s\n"
-    "7 KRN0007S Severe %%d %s\n"
+    "1 KRN0001I Plain text without inserts.\n2 KRN0002E Copied %d of %s files.\n3 KRN0003W File %2$s has %1$d bytes.\n"
+    "4 KRN0004I [%*d|%-6s|%.2f|%lu]\n5 KRN0005T Trace text %s\n6 KRN0006K Kept %s\n7 KRN0007S Severe %%d %s\n"
     "8 KRN0008L Layout %x\n";
+const std::string kPlain = "KRN0001I Plain text without inserts.";
 
 class NlsRepositoryTest : public ::testing::Test {
 protected:
@@ -46,88 +43,62 @@ protected:
         va_end(args);
         return rc == RC_OK ? out : "<rc " + std::to_string(rc) + ">";
     }
+    static int32_t inserts(NlInserts* out, uint16_t number, ...) {
+        va_list args;
+        va_start(args, number);
+        int32_t rc = nlGetInserts(number, out, args);
+        va_end(args);
+        return rc;
+    }
     static std::vector<uint16_t> cacheOrder() {
         std::vector<uint16_t> numbers;
         NLSMsg* head = nlsObject()->localCache;
         for (NLSMsg* p = head; p; p = p->next == head ? nullptr : p->next) numbers.push_back(p->number);
         return numbers;
     }
-
     NlsTestCatalog catalog_;
     std::string language_;
 };
 
-TEST_F(NlsRepositoryTest, FormatsCompiledMessagesWithInsertsInTranslationOrder) {
+TEST_F(NlsRepositoryTest, FormatsMessagesInTranslationOrderWithSeverities) {
+    EXPECT_EQ(NL_SEV_UNKNOWN, nlGetSeverity(1));  // not started
     ASSERT_EQ(RC_OK, start("en_US"));
-    EXPECT_EQ("KRN0001I Plain text without inserts.", text(1));
+    EXPECT_EQ(kPlain, text(1));
     EXPECT_EQ("KRN0002E Copied 3 of all files.", text(2, 3, "all"));
     EXPECT_EQ("KRN0003W File /etc/fstab has 42 bytes.", text(3, 42, "/etc/fstab"));
     EXPECT_EQ("KRN0004I [   7|ab    |3.14|18446744073709551615]", text(4, 4, 7, "ab", 3.14159, ~0UL));
     EXPECT_EQ("Trace text t", text(5, "t"));
-    EXPECT_EQ("KRN0006K Kept k", text(6, "k"));
     EXPECT_EQ("KRN0007S Severe %d s", text(7, "s"));
     EXPECT_EQ("Layout ff", text(8, 255));
-}
-
-TEST_F(NlsRepositoryTest, SeverityCodesFollowIdentifierLetter) {
-    ASSERT_EQ(RC_OK, start("en_US"));
-    const struct {
-        uint16_t number;
-        uint8_t severity;
-    } cases[] = {{1, NL_SEV_I}, {2, NL_SEV_E}, {3, NL_SEV_W}, {5, NL_SEV_T}, {6, NL_SEV_K},
-                 {7, NL_SEV_S}, {8, NL_SEV_L}, {999, NL_SEV_UNKNOWN}};
-    for (const auto& c : cases) EXPECT_EQ(c.severity, nlGetSeverity(c.number)) << c.number;
-}
-
-TEST_F(NlsRepositoryTest, NotStartedRepositoryFindsNothing) {
-    EXPECT_EQ(NL_SEV_UNKNOWN, nlGetSeverity(1));
-    EXPECT_EQ("<rc 611>", text(1));
-    NlInserts inserts;
-    va_list none{};
-    EXPECT_EQ(RC_MISSING_ARG, nlGetInserts(1, &inserts, none));
-    EXPECT_EQ("??????", inserts.text);
+    EXPECT_EQ("KRN0003W File " + std::string(NL_SCRATCH_SIZE - 1, 'x') + " has 1 bytes.",
+              text(3, 1, std::string(5000, 'x').c_str()));  // a long insert is cut to the scratch buffer
+    const std::pair<uint16_t, uint8_t> cases[] = {{1, NL_SEV_I}, {2, NL_SEV_E}, {3, NL_SEV_W}, {5, NL_SEV_T},
+                                                  {6, NL_SEV_K}, {7, NL_SEV_S}, {8, NL_SEV_L}, {999, NL_SEV_UNKNOWN}};
+    for (const auto& c : cases) EXPECT_EQ(c.second, nlGetSeverity(c.first)) << c.first;
 }
 
 TEST_F(NlsRepositoryTest, EleventhMessageEvictsLeastRecentlyUsed) {
     std::string source;
-    for (int n = 1; n <= 12; ++n) source += std::to_string(n + 100) + " KRN0" + std::to_string(n + 100) + "I m\n";
+    for (int n = 101; n <= 112; ++n) source += std::to_string(n) + " KRN0" + std::to_string(n) + "I m\n";
     ASSERT_EQ("", catalog_.add("en_US", "app.cat", source));
     ASSERT_EQ(RC_OK, start("en_US"));
     for (uint16_t n = 101; n <= 110; ++n) text(n);
-    EXPECT_EQ(10u, cacheOrder().size());
     text(101);  // a hit moves it to the head
     EXPECT_EQ(101, cacheOrder().front());
     text(111);
-    std::vector<uint16_t> expected = {111, 101, 110, 109, 108, 107, 106, 105, 104, 103};
-    EXPECT_EQ(expected, cacheOrder());
-}
-
-TEST_F(NlsRepositoryTest, UseEnglishOnceReadsEnglishCacheForOneLookup) {
-    ASSERT_EQ("", catalog_.add("de_DE", "app.cat", "1 KRN0001I Text ohne Einfügungen.\n"));
-    ASSERT_EQ(RC_OK, start("de_DE"));
-    nlUseEnglishOnce();
-    EXPECT_EQ("KRN0001I Plain text without inserts.", text(1));
-    EXPECT_EQ("KRN0001I Text ohne Einfügungen.", text(1));
-    EXPECT_NE(nullptr, nlsObject()->englishCache);
+    EXPECT_EQ((std::vector<uint16_t>{111, 101, 110, 109, 108, 107, 106, 105, 104, 103}), cacheOrder());
 }
 
 TEST_F(NlsRepositoryTest, LanguageFallbacks) {
     ASSERT_EQ("", catalog_.add("de_DE", "app.cat", "1 KRN0001I Deutsch.\n"));
     ASSERT_EQ("", catalog_.add("fr_FR", "app.cat", "1 KRN0001I Français.\n"));
     ASSERT_EQ("", catalog_.add("Zh_TW", "app.cat", "1 KRN0001I Big5.\n"));
-    const struct {
-        const char* lang;
-        const char* text;
-        const char* current;
-        bool warned;
-    } cases[] = {
+    const struct { const char *lang, *text, *current; bool warned; } cases[] = {
         {"de_DE.UTF-8", "KRN0001I Deutsch.", "de_DE.UTF-8", false},
-        {"de", "KRN0001I Deutsch.", "de", false},
         {"fr", "KRN0001I Français.", "fr", false},
         {"zh_TW.BIG5", "KRN0001I Big5.", "zh_TW.BIG5", false},
-        {"xx", "KRN0001I Plain text without inserts.", "xx", false},
-        {"ja_JP", "KRN0001I Plain text without inserts.", "en_US", true},
-        {"Ja", "KRN0001I Plain text without inserts.", "en_US", true},
+        {"xx", kPlain.c_str(), "xx", false},
+        {"ja_JP", kPlain.c_str(), "en_US", true},
     };
     for (const auto& c : cases) {
         ASSERT_EQ(RC_OK, start(c.lang)) << c.lang;
@@ -136,22 +107,16 @@ TEST_F(NlsRepositoryTest, LanguageFallbacks) {
         EXPECT_EQ(c.lang, language_);
         EXPECT_EQ(c.warned, nlsObject()->pendingText.rfind("KRN0102W", 0) == 0) << c.lang;
     }
-}
-
-TEST_F(NlsRepositoryTest, MissingLanguageKeepsWarningWithPath) {
-    ASSERT_EQ(RC_OK, start("ja_JP"));
     EXPECT_EQ("KRN0102W Unable to open the message repository " + catalog_.path("ja_JP", "app.cat") +
                   ". The American English repository will be used instead.\n",
               nlsObject()->pendingText);
-    EXPECT_EQ(catalog_.path("ja_JP", "app.cat"), nlsObject()->missingCatalogPath);
-}
-
-TEST_F(NlsRepositoryTest, OverlongLanguageFallsBackWithoutPath) {
     ASSERT_EQ(RC_OK, start(std::string(1300, 'q')));
-    EXPECT_EQ("KRN0102W Unable to open the message repository ???. The American English repository will be used "
-              "instead.\n",
-              nlsObject()->pendingText);
-    EXPECT_EQ("KRN0001I Plain text without inserts.", text(1));
+    EXPECT_EQ(0u, nlsObject()->pendingText.find("KRN0102W Unable to open the message repository ???. "));
+    EXPECT_EQ(kPlain, text(1));
+    ASSERT_EQ(RC_OK, start("de_DE"));
+    nlUseEnglishOnce();  // for one lookup only
+    EXPECT_EQ(kPlain, text(1));
+    EXPECT_EQ("KRN0001I Deutsch.", text(1));
 }
 
 TEST_F(NlsRepositoryTest, BareNameFoundOnPlatformSearchPath) {
@@ -164,24 +129,6 @@ TEST_F(NlsRepositoryTest, BareNameFoundOnPlatformSearchPath) {
     EXPECT_EQ("KRN0001I Português.", text(1));
 }
 
-TEST_F(NlsRepositoryTest, EnvironmentDrivenClientReadsLanguageFromEnvironment) {
-    ASSERT_EQ("", catalog_.add("de_DE", "app.cat", "1 KRN0001I Deutsch.\n"));
-    const struct {
-        int32_t clientType;
-        const char* text;
-    } cases[] = {{10, "KRN0001I Deutsch."}, {9, "KRN0001I Plain text without inserts."}};
-    for (const auto& c : cases) {
-        setenv("LC_ALL", "de_DE.UTF-8", 1);
-        NlsSettings settings;
-        settings.clientType = c.clientType;
-        int32_t rc = start("", settings);
-        unsetenv("LC_ALL");
-        setlocale(LC_ALL, "C");
-        ASSERT_EQ(RC_OK, rc);
-        EXPECT_EQ(c.text, text(1)) << c.clientType;
-    }
-}
-
 TEST_F(NlsRepositoryTest, StartFailures) {
     NlsTestCatalog empty;
     std::string used;
@@ -190,155 +137,65 @@ TEST_F(NlsRepositoryTest, StartFailures) {
     EXPECT_EQ("KRN0101E Unable to open English message repository '" + empty.path("en_US", "app.cat") + "'.\n",
               nlsObject()->pendingText);
     EXPECT_EQ(0, nlsStatus());
-    std::string longName(1280, 'n');
-    std::string longDir(1024, 'd');
-    EXPECT_EQ(RC_NLS_INIT_FAILED, nlsInit(longName.c_str(), catalog_.dir().c_str(), "app.cat", settings, &used));
-    EXPECT_EQ(RC_NLS_INIT_FAILED, nlsInit("app.cat", longDir.c_str(), "app.cat", settings, &used));
+    NlInserts none;
+    EXPECT_EQ(RC_MISSING_ARG, inserts(&none, 1));
+    EXPECT_EQ("??????", none.text);
+    EXPECT_EQ(RC_NLS_INIT_FAILED, nlsInit("app.cat", std::string(1024, 'd').c_str(), "app.cat", settings, &used));
     settings.clientType = 1;  // English from the library's catalogue, which is not there
     EXPECT_EQ(RC_NLS_INIT_FAILED, nlsInit("app.cat", catalog_.dir().c_str(), "app.cat", settings, &used));
 }
 
 TEST_F(NlsRepositoryTest, DamagedCatalogueFilesAreNotOpened) {
-    std::string good;
-    {
-        FILE* f = fopen(catalog_.path("en_US", "app.cat").c_str(), "rb");
-        ASSERT_NE(nullptr, f);
-        char buf[4096];
-        good.assign(buf, fread(buf, 1, sizeof(buf), f));
-        fclose(f);
-    }
-    const std::string files[] = {good.substr(0, good.size() / 2), good.substr(0, 10), "not a catalogue", ""};
-    for (const std::string& bytes : files) {
+    std::string good = testfiles::readFile(catalog_.path("en_US", "app.cat"));
+    for (const std::string& bytes : {good.substr(0, good.size() / 2), good.substr(0, 10), std::string()}) {
         catalog_.addFile("de_DE", "app.cat", bytes);
         ASSERT_EQ(RC_OK, start("de_DE"));
-        EXPECT_EQ("en_US", nlCurrentLanguage()) << bytes.size();
-        EXPECT_EQ("KRN0001I Plain text without inserts.", text(1));
+        EXPECT_EQ("en_US", std::string(nlCurrentLanguage())) << bytes.size();
+        EXPECT_EQ(kPlain, text(1));
     }
 }
 
-TEST_F(NlsRepositoryTest, StoredEntryRules) {
-    std::string fast = std::string(1, '\1') + "Body %s";
-    ASSERT_EQ("", catalog_.addRaw("en_US", "app.cat",
-                                  {{1, msgc::storedText("KRN12345E", fast)},
-                                   {2, msgc::storedText("KRN0002I", fast, "ab")},
-                                   {3, msgc::storedText("KRN0003M", fast)},
-                                   {4, msgc::storedText("KRN0004Z", fast)}}));
-    ASSERT_EQ(RC_OK, start("en_US"));
-    EXPECT_EQ("KRN2345E Body x", text(1, "x"));
-    EXPECT_EQ("KRN0002I Body y", text(2, "y"));
-    ASSERT_NE(nullptr, nlsObject()->localCache);
-    EXPECT_STREQ("ab", nlsObject()->localCache->trailer);
-    nlsObject()->pendingText.clear();
-    EXPECT_EQ("<rc 611>", text(3, "m"));
-    EXPECT_EQ("", nlsObject()->pendingText);
-    EXPECT_EQ("Body z", text(4, "z"));
-}
-
-TEST_F(NlsRepositoryTest, CorruptEntriesYieldNothing) {
-    std::string ordered;
-    std::string error;
+TEST_F(NlsRepositoryTest, CorruptAndUnknownEntriesYieldNothing) {
+    std::string ordered, error;
     ASSERT_TRUE(msgc::compileText("A %s B %d C", false, &ordered, &error)) << error;
     // The ordered body: kind, mask, 3 reserved, count 2, order 0 1, then descriptors.
-    std::string wrongCount = ordered;
-    wrongCount[5] = 3;
-    std::string tooMany = ordered;
-    tooMany[5] = 15;
-    std::string badOrder = ordered;
-    badOrder[7] = 2;
-    std::string typeMismatch = ordered;
-    typeMismatch[9] = NL_ARG_INT;  // "%s" described as an int
-    std::string starMismatch = ordered;
-    starMismatch[8] = 1;
-    const struct {
-        const char* name;
-        std::string stored;
-    } cases[] = {
-        {"letter outside E-Z", msgc::storedText("KRN0001A", ordered)},
-        {"letter not a severity", msgc::storedText("KRN0001X", ordered)},
-        {"too short", "KRN1"},
-        {"identifier only", "KRN0001E"},
-        {"wrong insert count", msgc::storedText("KRN0001E", wrongCount)},
-        {"count beyond the text", msgc::storedText("KRN0001E", tooMany)},
-        {"order index out of range", msgc::storedText("KRN0001E", badOrder)},
-        {"descriptor type mismatch", msgc::storedText("KRN0001E", typeMismatch)},
-        {"star count mismatch", msgc::storedText("KRN0001E", starMismatch)},
-        {"cut after header", msgc::storedText("KRN0001E", ordered.substr(0, 9))},
-        {"fast path writes memory", msgc::storedText("KRN0001E", std::string(1, '\1') + "%n")},
-        {"fast path wide float", msgc::storedText("KRN0001E", std::string(1, '\1') + "%Lf")},
+    auto with = [&](size_t at, char value) {
+        std::string body = ordered;
+        body[at] = value;
+        return msgc::storedText("KRN0001E", body);
     };
-    for (const auto& c : cases) {
-        ASSERT_EQ("", catalog_.addRaw("en_US", "app.cat", {{1, c.stored}})) << c.name;
+    const std::string cases[] = {
+        msgc::storedText("KRN0001A", ordered),  // letter outside E-Z
+        msgc::storedText("KRN0001X", ordered),  // letter not a severity
+        "KRN1", "KRN0001E",                     // too short, identifier only
+        with(5, 3), with(5, 15),                // wrong insert count, count beyond the text
+        with(7, 2),                             // order index out of range
+        with(8, 1), with(9, NL_ARG_INT),        // star count and descriptor type mismatch
+        msgc::storedText("KRN0001E", ordered.substr(0, 9)),
+        msgc::storedText("KRN0001E", std::string(1, '\1') + "%n"),  // a fast path that writes memory
+        msgc::storedText("KRN0001E", std::string(1, '\1') + "%Lf"),
+    };
+    for (const auto& stored : cases) {
+        ASSERT_EQ("", catalog_.addRaw("en_US", "app.cat", {{1, stored}})) << stored;
         ASSERT_EQ(RC_OK, start("en_US"));
-        EXPECT_EQ("<rc 611>", text(1, "s", 1)) << c.name;
-        EXPECT_NE(std::string::npos, nlsObject()->pendingText.find("Message No 1 is corrupted.")) << c.name;
+        EXPECT_EQ("<rc 611>", text(1, "s", 1)) << stored;
+        EXPECT_NE(std::string::npos, nlsObject()->pendingText.find("Message No 1 is corrupted.")) << stored;
     }
-}
-
-TEST_F(NlsRepositoryTest, UnknownMessageIsReportedNotFound) {
-    ASSERT_EQ(RC_OK, start("en_US"));
     EXPECT_EQ("<rc 611>", text(4242));
-    const std::string& pending = nlsObject()->pendingText;
-    EXPECT_EQ(0u, pending.find("KRN9999E BKVlib/common/nls/amsgrtrv("));
-    EXPECT_NE(std::string::npos, pending.find("): Message No 4242 could not be found.\n"));
-}
-
-TEST_F(NlsRepositoryTest, LongInsertIsCutToScratchBuffer) {
-    ASSERT_EQ(RC_OK, start("en_US"));
-    std::string longText(5000, 'x');
-    std::string out = text(3, 1, longText.c_str());
-    EXPECT_EQ("KRN0003W File " + std::string(NL_SCRATCH_SIZE - 1, 'x') + " has 1 bytes.", out);
+    EXPECT_EQ(0u, nlsObject()->pendingText.find("KRN9999E BKVlib/common/nls/amsgrtrv("));
+    EXPECT_NE(std::string::npos, nlsObject()->pendingText.find("): Message No 4242 could not be found.\n"));
 }
 
 TEST_F(NlsRepositoryTest, InsertsAreCollectedAsTypedValues) {
     ASSERT_EQ(RC_OK, start("en_US"));
-    // Messages 5 and 7 take one string, the others a number and a string.
-    const struct {
-        uint16_t number;
-        uint8_t messageType;
-        size_t count;
-    } cases[] = {{2, 4, 2}, {3, 3, 2}, {1, 2, 0}, {5, 7, 1}, {7, 5, 1}};
-    for (const auto& c : cases) {
-        NlInserts inserts;
-        auto collect = [&](uint16_t n, ...) {
-            va_list args;
-            va_start(args, n);
-            int32_t rc = nlGetInserts(n, &inserts, args);
-            va_end(args);
-            return rc;
-        };
-        bool stringOnly = c.number == 5 || c.number == 7;
-        ASSERT_EQ(RC_OK, stringOnly ? collect(c.number, "text") : collect(c.number, 42, "text")) << c.number;
-        EXPECT_EQ(c.messageType, inserts.messageType) << c.number;
-        EXPECT_EQ(c.count, inserts.values.size()) << c.number;
-    }
-    NlInserts inserts;
-    auto collect = [&](uint16_t n, ...) {
-        va_list args;
-        va_start(args, n);
-        int32_t rc = nlGetInserts(n, &inserts, args);
-        va_end(args);
-        return rc;
-    };
-    ASSERT_EQ(RC_OK, collect(3, 42, "/etc/fstab"));  // reordered in the text, collected in argument order
-    EXPECT_EQ(42, inserts.values[0].integer);
-    EXPECT_EQ("/etc/fstab", inserts.values[1].text);
-    EXPECT_EQ(4u + 11u, inserts.size);
-    EXPECT_EQ(RC_MSG_NOT_FOUND, collect(4242));
-    EXPECT_EQ("?????", inserts.text);
-}
-
-TEST(NlsIndexTest, ReadsBigEndianEntries) {
-    FILE* repo = tmpfile();
-    ASSERT_NE(nullptr, repo);
-    std::string bytes(62 + 2 * 4, '\0');
-    bytes[62 + 2 * 3] = 0x01;
-    bytes[62 + 2 * 3 + 1] = 0x02;
-    fwrite(bytes.data(), 1, bytes.size(), repo);
-    EXPECT_EQ(0x0102, nlReadIndex(repo, "repo", 3));
-    EXPECT_EQ(0, nlReadIndex(repo, "repo", 2));    // empty entry
-    EXPECT_EQ(0, nlReadIndex(repo, "repo", 900));  // beyond the file
-    EXPECT_EQ(0, nlReadIndex(nullptr, "repo", 3));
-    fclose(repo);
+    NlInserts found;
+    ASSERT_EQ(RC_OK, inserts(&found, 3, 42, "/etc/fstab"));  // reordered in the text, collected in argument order
+    EXPECT_EQ(3, found.messageType);
+    EXPECT_EQ(42, found.values[0].integer);
+    EXPECT_EQ("/etc/fstab", found.values[1].text);
+    EXPECT_EQ(4u + 11u, found.size);
+    EXPECT_EQ(RC_MSG_NOT_FOUND, inserts(&found, 4242));
+    EXPECT_EQ("?????", found.text);
 }
 
 }  // namespace

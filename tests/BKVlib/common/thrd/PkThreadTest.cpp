@@ -1,5 +1,4 @@
-// Mutexes with owner tracking, try-lock across threads, the single-threaded skip,
-// and conditions.
+// Mutexes with owner tracking, try-lock across threads and the single-threaded skip.
 #include "BKVlib/common/thrd/pkthread.h"
 
 #include <gtest/gtest.h>
@@ -13,104 +12,36 @@
 
 namespace {
 
-// Holds a mutex on another thread until told to let go.
-class Holder {
-public:
-    explicit Holder(MutexHandle mutex) : thread_([this, mutex] {
-          pkAcquireMutex(mutex);
-          number_ = psThreadNumber();
-          held_ = true;
-          while (!release_) std::this_thread::yield();
-          pkReleaseMutex(mutex);
-      }) {
-        while (!held_) std::this_thread::yield();
-    }
-    ~Holder() {
-        release_ = true;
-        thread_.join();
-    }
-    int32_t number() const { return number_; }
-
-private:
-    std::atomic<bool> held_{false};
-    std::atomic<bool> release_{false};
-    std::atomic<int32_t> number_{0};
-    std::thread thread_;
-};
-
-class PkThreadTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        psSetMultiThreaded(1);
-        ASSERT_EQ(RC_OK, pkCreateMutex(&mutex_));
-    }
-    void TearDown() override {
-        psSetMultiThreaded(1);
-        EXPECT_EQ(RC_OK, pkDestroyMutex(&mutex_));
-        EXPECT_EQ(nullptr, mutex_);
-    }
-    MutexHandle mutex_ = nullptr;
-};
-
-TEST_F(PkThreadTest, TryLockHeldElsewhereIsBusyAndOwnerIsReported) {
-    {
-        Holder holder(mutex_);
-        EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex_));
-        EXPECT_EQ(holder.number(), pkMutexOwner(mutex_));
-        EXPECT_EQ(0, pkMutexHeldBySelf(mutex_));
-    }
-    EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
-    EXPECT_EQ(psThreadNumber(), pkMutexOwner(mutex_));
-    EXPECT_EQ(1, pkMutexHeldBySelf(mutex_));
-    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
-    EXPECT_EQ(0, pkMutexOwner(mutex_));
-}
-
-TEST_F(PkThreadTest, SelfDeadlockAndMisuseAreReportedNotHung) {
-    ASSERT_EQ(RC_OK, pkAcquireMutex(mutex_));
-    EXPECT_EQ(EDEADLK, pkAcquireMutex(mutex_));
-    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
-    EXPECT_EQ(-1, pkAcquireMutex(nullptr));
-    EXPECT_EQ(-1, pkTryMutex(nullptr));
-    EXPECT_EQ(-1, pkReleaseMutex(nullptr));
-}
-
-TEST_F(PkThreadTest, LockingIsSkippedSingleThreadedAndAfterShutdown) {
-    Holder holder(mutex_);
-    psSetMultiThreaded(0);
-    EXPECT_EQ(1, psIsMainThread());
-    EXPECT_EQ(RC_OK, pkTryMutex(mutex_));
-    EXPECT_EQ(RC_OK, pkAcquireMutex(mutex_));
-    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex_));
+TEST(PkThreadTest, TryLockHeldElsewhereIsBusyAndOwnerIsReported) {
     psSetMultiThreaded(1);
-    EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex_));
-    bool mainSeen = false;
-    std::thread([&] { mainSeen = psIsMainThread(); }).join();
-    EXPECT_FALSE(mainSeen);
-    EXPECT_EQ(1, psIsMainThread());
-}
-
-TEST_F(PkThreadTest, ConditionWakesWaiterHoldingTheMutex) {
-    CondHandle cond = nullptr;
-    ASSERT_EQ(RC_OK, pkCreateCondition(&cond));
-    EXPECT_EQ(-1, pkWaitCondition(cond, mutex_));  // not held
-    std::atomic<bool> ready{false};
-    bool flag = false;
-    std::thread signaller([&] {
-        while (!ready) std::this_thread::yield();
-        MutexLock lock(mutex_);
-        flag = true;
-        pkSignalCondition(cond);
+    MutexHandle mutex = nullptr;
+    ASSERT_EQ(RC_OK, pkCreateMutex(&mutex));
+    std::atomic<int32_t> holder{0};
+    std::atomic<bool> release{false};
+    std::thread other([&] {
+        pkAcquireMutex(mutex);
+        holder = psThreadNumber();
+        while (!release) std::this_thread::yield();
+        pkReleaseMutex(mutex);
     });
-    {
-        MutexLock lock(mutex_);
-        ready = true;
-        while (!flag) EXPECT_EQ(RC_OK, pkWaitCondition(cond, mutex_));
-        EXPECT_EQ(1, pkMutexHeldBySelf(mutex_));
-    }
-    signaller.join();
-    EXPECT_EQ(RC_OK, pkDestroyCondition(&cond));
-    EXPECT_EQ(nullptr, cond);
+    while (!holder) std::this_thread::yield();
+    EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex));
+    EXPECT_EQ(holder, pkMutexOwner(mutex));
+    EXPECT_EQ(0, pkMutexHeldBySelf(mutex));
+    psSetMultiThreaded(0);  // one thread: locking is skipped
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex));
+    psSetMultiThreaded(1);
+    release = true;
+    other.join();
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex));
+    EXPECT_EQ(psThreadNumber(), pkMutexOwner(mutex));
+    EXPECT_EQ(EDEADLK, pkAcquireMutex(mutex));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex));
+    EXPECT_EQ(0, pkMutexOwner(mutex));
+    EXPECT_EQ(-1, pkTryMutex(nullptr));
+    EXPECT_EQ(RC_OK, pkDestroyMutex(&mutex));
+    EXPECT_EQ(nullptr, mutex);
 }
 
 }  // namespace

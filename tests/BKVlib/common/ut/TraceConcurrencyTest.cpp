@@ -14,12 +14,7 @@
 
 namespace {
 
-constexpr int kThreads = 4;
 constexpr int kRecordsEach = 2500;
-
-void tagThisThread(char* banner, size_t bannerSize, char* tag, size_t tagSize) {
-    trFormatThreadTag(static_cast<unsigned long>(psThreadNumber()), banner, bannerSize, tag, tagSize);
-}
 
 void writeRecords(int writer) {
     for (int seq = 0; seq < kRecordsEach; ++seq) {
@@ -28,50 +23,44 @@ void writeRecords(int writer) {
     }
 }
 
-struct Parsed {
-    int records = 0;
-    std::vector<std::string> broken;
-};
-
-// Checks every line of one region; a record line must carry exactly its length.
-void parseRegion(const std::string& region, std::map<int, int>* lastSeq, Parsed* parsed) {
+// Checks every line of one region: a record must carry exactly its length and
+// follow its writer's previous record. Returns the records seen.
+int parseRegion(const std::string& region, std::map<int, int>* lastSeq, std::vector<std::string>* broken) {
     static const std::regex record(
         "[0-9-]{10} [0-9:]{8}\\.[0-9]{3} \\[[0-9]{6,}\\] \\[[0-9]+\\] : Conc\\.cpp {12}\\(   7\\): "
         "T([0-9]) R([0-9]{5}) L([0-9]{3}) (x*)");
     static const std::regex other(" {29}New thread {9}0================>|BEGINNING NEW TRACE|");
-    size_t pos = 0;
-    while (pos < region.size()) {
-        size_t end = region.find('\n', pos);
-        std::string line = region.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-        pos = end == std::string::npos ? region.size() : end + 1;
-        std::smatch match;
-        if (std::regex_match(line, match, record) && std::stoi(match[3]) == static_cast<int>(match[4].length())) {
-            int writer = std::stoi(match[1]);
-            int seq = std::stoi(match[2]);
-            if (lastSeq->count(writer) && (*lastSeq)[writer] >= seq) parsed->broken.push_back("order: " + line);
+    int records = 0;
+    for (const std::string& line : testfiles::splitLines(region)) {
+        std::smatch m;
+        if (std::regex_match(line, m, record) && std::stoi(m[3]) == static_cast<int>(m[4].length())) {
+            int writer = std::stoi(m[1]), seq = std::stoi(m[2]);
+            if (lastSeq->count(writer) && (*lastSeq)[writer] >= seq) broken->push_back("order: " + line);
             (*lastSeq)[writer] = seq;
-            ++parsed->records;
+            ++records;
         } else if (!std::regex_match(line, other)) {
-            parsed->broken.push_back(line.substr(0, 120));
+            broken->push_back(line);
         }
     }
+    return records;
 }
 
 TEST(TraceConcurrencyTest, WrappingFileRecordsNeverInterleave) {
     TempDir dir;
     std::string path = dir.file("shared.trc");
-    resetTrace(9, tagThisThread);
+    resetTrace(9, [](char* banner, size_t bannerSize, char* tag, size_t tagSize) {
+        trFormatThreadTag(static_cast<unsigned long>(psThreadNumber()), banner, bannerSize, tag, tagSize);
+    });
     trSetMaxMB(1);
     trSetLibFlags("PID TID", 0);
     ASSERT_EQ(0, trBegin(path.c_str(), 0));
     std::vector<std::thread> writers;
-    for (int w = 0; w < kThreads; ++w) writers.emplace_back(writeRecords, w);
+    for (int w = 0; w < 4; ++w) writers.emplace_back(writeRecords, w);
     for (std::thread& t : writers) t.join();
     trEnd(1);
 
     std::string text = readFile(path);
-    size_t dataStart = text.find('\n') + 2;
-    size_t offset = recordedOffset(text);
+    size_t dataStart = text.find('\n') + 2, offset = recordedOffset(text);
     ASSERT_EQ("\nEND OF DATA - close\n\n", text.substr(offset, 22));
     size_t wrapLine = text.find("\nContinued at beginning of file\n\n", offset);
     ASSERT_NE(std::string::npos, wrapLine) << "the writers should have wrapped the file";
@@ -79,11 +68,11 @@ TEST(TraceConcurrencyTest, WrappingFileRecordsNeverInterleave) {
     older = older.substr(older.find('\n') + 1);  // the first line was cut by newer records
 
     std::map<int, int> lastSeq;
-    Parsed parsed;
-    parseRegion(older, &lastSeq, &parsed);
-    parseRegion(text.substr(dataStart, offset - dataStart), &lastSeq, &parsed);
-    EXPECT_TRUE(parsed.broken.empty()) << parsed.broken.size() << " bad lines, first: " << parsed.broken.front();
-    EXPECT_GT(parsed.records, 2000);
+    std::vector<std::string> broken;
+    int records = parseRegion(older, &lastSeq, &broken);
+    records += parseRegion(text.substr(dataStart, offset - dataStart), &lastSeq, &broken);
+    EXPECT_TRUE(broken.empty()) << broken.size() << " bad lines, first: " << broken.front();
+    EXPECT_GT(records, 2000);
     // A writer that finished early may have had its last records wrapped over; the
     // writer that finished last cannot.
     int finished = 0;

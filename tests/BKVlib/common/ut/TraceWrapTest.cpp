@@ -45,11 +45,10 @@ TEST_F(TraceWrapTest, NewFileHeaderAndOffsetPointAtEndMarker) {
     beginBare(7);
     put("first");
     std::string text = readFile(path_);
-    std::string firstLine = text.substr(0, text.find('\n') + 1);
-    EXPECT_EQ("QLX Trace   " + std::to_string(recordedOffset(text)), firstLine.substr(0, 12 + std::to_string(recordedOffset(text)).size()));
-    EXPECT_EQ(std::string("7          ZOR Quillon 5.2.8.0   Build date: ") + PP_BUILD_DATE + "\n", firstLine.substr(24));
-    size_t dataStart = firstLine.size() + 1;
-    EXPECT_EQ("BEGINNING NEW TRACE\n\nfirst\n" + kEnd, text.substr(dataStart));
+    std::string offset = std::to_string(recordedOffset(text));
+    EXPECT_EQ("QLX Trace   " + offset + std::string(12 - offset.size(), ' ') + "7          ZOR Quillon 5.2.8.0   " +
+                  "Build date: " + PP_BUILD_DATE + "\n\nBEGINNING NEW TRACE\n\nfirst\n" + kEnd,
+              text);
     EXPECT_EQ(text.size() - kEnd.size(), recordedOffset(text));
 }
 
@@ -57,10 +56,8 @@ TEST_F(TraceWrapTest, RecordExactlyAtTheLimitFitsAndTheNextOneWraps) {
     beginBare(1);
     std::string text = readFile(path_);
     size_t dataStart = text.find('\n') + 2;
-    const std::string record(99, 'R');  // 100 bytes with its newline
-    size_t filler = kMiB - 17 - 100 - recordedOffset(text);
-    put(std::string(filler - 1, 'f'));
-    put(record);
+    put(std::string(kMiB - 17 - 100 - recordedOffset(text) - 1, 'f'));
+    put(std::string(99, 'R'));  // 100 bytes with its newline, ending exactly at the limit
     text = readFile(path_);
     EXPECT_EQ(kMiB - 17, recordedOffset(text));
     EXPECT_EQ(kMiB - 17 + kEnd.size(), text.size());
@@ -73,38 +70,31 @@ TEST_F(TraceWrapTest, RecordExactlyAtTheLimitFitsAndTheNextOneWraps) {
 }
 
 TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
-    auto replaceFirstLine = [](const std::string& path) {
+    auto foreignFirstLine = [](const std::string& path) {
         std::string text = readFile(path);
         writeFile(path, "some other program's log\n" + text.substr(text.find('\n') + 1));
     };
     auto growPastOneMiB = [](const std::string& path) { writeFile(path, readFile(path) + std::string(kMiB, 'x')); };
-    const struct {
-        const char* name;
-        uint32_t firstMax;
-        uint32_t secondMax;
-        std::function<void(const std::string&)> change;
-        bool continued;
-    } cases[] = {
+    using Change = std::function<void(const std::string&)>;
+    const struct { const char* name; uint32_t firstMax, secondMax; Change change; bool continued; } cases[] = {
         {"equal maximum", 2, 2, nullptr, true},
         {"larger maximum", 2, 3, nullptr, true},
         {"smaller maximum", 2, 1, nullptr, false},
-        {"foreign first line", 2, 2, replaceFirstLine, false},
+        {"foreign first line", 2, 2, foreignFirstLine, false},
         {"file larger than maximum", 1, 1, growPastOneMiB, false},
     };
     for (const auto& c : cases) {
         unlink(path_.c_str());
-        resetTrace();
-        beginBare(c.firstMax);
-        put("run one record");
-        trEnd(1);
-        if (c.change) c.change(path_);
-        resetTrace();
-        beginBare(c.secondMax);
-        put("run two record");
-        trEnd(1);
+        for (const char* run : {"one", "two"}) {
+            resetTrace();
+            beginBare(*run == 'o' ? c.firstMax : c.secondMax);
+            put(std::string("run ") + run + " record");
+            trEnd(1);
+            if (*run == 'o' && c.change) c.change(path_);
+        }
         std::string text = readFile(path_);
-        EXPECT_EQ(std::to_string(c.secondMax) + " ", text.substr(24, std::to_string(c.secondMax).size() + 1)) << c.name;
-        EXPECT_THAT(text, HasSubstr("run two record\n\nEND OF DATA - close\n\n")) << c.name;
+        EXPECT_EQ(std::to_string(c.secondMax) + " ", text.substr(24, 2)) << c.name;
+        EXPECT_EQ(1u, countOf(text, "run two record\n\nEND OF DATA - close\n\n")) << c.name;
         EXPECT_EQ(1u, countOf(text, "END OF DATA - close")) << c.name;
         if (c.continued) {
             EXPECT_THAT(text, HasSubstr("run one record\nBEGINNING NEW TRACE\n\nrun two record\n")) << c.name;
@@ -118,21 +108,18 @@ TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
 TEST_F(TraceWrapTest, SegmentsFillInTurnAndRestartEachFileAnew) {
     beginBare(3, 2);  // two segments: 2 MB, then the 1 MB remainder
     const std::string record(999, 's');
-    std::string one = path_ + ".1";
-    std::string two = path_ + ".2";
+    const std::string one = path_ + ".1", two = path_ + ".2";
     for (int i = 0; i < 2100; ++i) put(record);
-    std::string first = readFile(one);
-    std::string second = readFile(two);
+    std::string first = readFile(one), second = readFile(two);
     EXPECT_THAT(first, HasSubstr("\nContinued at beginning of segment 2\n\n"));
     EXPECT_LE(first.size(), 2 * kMiB);
-    size_t dataStart = second.find('\n') + 2;
-    EXPECT_EQ("Continued from end of segment 1\n\n", second.substr(dataStart, 33));
+    EXPECT_EQ("Continued from end of segment 1\n\n", second.substr(second.find('\n') + 2, 33));
     EXPECT_THAT(second, HasSubstr("Tracing to file: " + two + "\n"));
     EXPECT_EQ("3          ZOR", second.substr(24, 14));
 
     for (int i = 0; i < 1100; ++i) put(record);
-    second = readFile(two);
     first = readFile(one);
+    second = readFile(two);
     EXPECT_THAT(second, HasSubstr("\nContinued at beginning of segment 1\n\n"));
     EXPECT_LE(second.size(), kMiB);
     EXPECT_EQ("Continued from end of segment 2\n\n", first.substr(first.find('\n') + 2, 33));
@@ -141,42 +128,26 @@ TEST_F(TraceWrapTest, SegmentsFillInTurnAndRestartEachFileAnew) {
 }
 
 TEST_F(TraceWrapTest, SegmentArithmetic) {
-    const struct {
-        uint32_t maxMB;
-        uint32_t segMB;
-        bool segFirst;
-        int32_t segCount;
-        uint32_t segSize;
-        uint32_t lastSeg;
-    } cases[] = {
+    const struct { uint32_t maxMB, segMB; bool segFirst; int32_t segCount; uint32_t segSize, lastSeg; } cases[] = {
         {2500, 0, false, 3, 1000, 500}, {3000, 0, false, 3, 1000, 1000}, {1000, 0, false, 0, 0, 0},
-        {10, 3, false, 4, 3, 1},        {10, 3, true, 4, 3, 1},          {2, 5, false, 1, 2, 2},
-        {0, 4, false, -1, 4, 4},
-    };
+        {10, 3, false, 4, 3, 1}, {10, 3, true, 4, 3, 1}, {2, 5, false, 1, 2, 2}, {0, 4, false, -1, 4, 4}};
     for (const auto& c : cases) {
         resetTrace();
         if (c.segFirst) trSetSegSizeMB(c.segMB);
         if (c.maxMB) trSetMaxMB(c.maxMB);
         if (c.segMB && !c.segFirst) trSetSegSizeMB(c.segMB);
-        std::string label = std::to_string(c.maxMB) + "/" + std::to_string(c.segMB);
+        const std::string label = std::to_string(c.maxMB) + "/" + std::to_string(c.segMB);
         EXPECT_EQ(c.segCount, trState.segCount) << label;
         EXPECT_EQ(c.segSize, trState.segSizeMB) << label;
         EXPECT_EQ(c.lastSeg, trState.lastSegMB) << label;
     }
-    resetTrace();
-    trSetMaxMB(2500);
-    ASSERT_EQ(0, trBegin(path_.c_str(), 0));
-    EXPECT_EQ(0, access((path_ + ".1").c_str(), F_OK));
 }
 
 // Runs in a child with a 64 KB tmpfs at mountPoint; 0 when every kind of trace
 // was switched off by the full disk and errno stayed as it was.
 int fillTinyDisk(const std::string& mountPoint) {
-    const struct {
-        const char* name;
-        uint32_t maxMB;
-        bool raw;
-    } kinds[] = {{"plain.trc", 0, false}, {"wrap.trc", 1, false}, {"raw.trc", 0, true}};
+    const struct { const char* name; uint32_t maxMB; bool raw; } kinds[] = {
+        {"plain.trc", 0, false}, {"wrap.trc", 1, false}, {"raw.trc", 0, true}};
     const std::string chunk(1000, 'd');
     int failures = 0;
     for (const auto& kind : kinds) {
@@ -187,11 +158,7 @@ int fillTinyDisk(const std::string& mountPoint) {
         if (trBegin(file.c_str(), 0) != 0) return 3;
         for (int i = 0; i < 200 && trIsActive(); ++i) {
             errno = 4321;
-            if (kind.raw) {
-                trRawPrintf("%s\n", chunk.c_str());
-            } else {
-                trPrintf("f", 1, "%s", chunk.c_str());
-            }
+            kind.raw ? trRawPrintf("%s\n", chunk.c_str()) : trPrintf("f", 1, "%s", chunk.c_str());
             failures += errno != 4321;
         }
         if (trIsActive()) return 1;
@@ -201,8 +168,7 @@ int fillTinyDisk(const std::string& mountPoint) {
 }
 
 TEST_F(TraceWrapTest, FullDiskSwitchesTracingOff) {
-    std::string mountPoint = dir_.file("mnt");
-    std::string output = dir_.file("stdout.txt");
+    std::string mountPoint = dir_.file("mnt"), output = dir_.file("stdout.txt");
     mkdir(mountPoint.c_str(), 0700);
     fflush(stdout);
     pid_t child = fork();
@@ -211,8 +177,7 @@ TEST_F(TraceWrapTest, FullDiskSwitchesTracingOff) {
             mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
             _exit(77);
         }
-        int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(fd, STDOUT_FILENO);
+        dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
         int rc = fillTinyDisk(mountPoint);
         fflush(stdout);
         _exit(rc);
@@ -222,11 +187,10 @@ TEST_F(TraceWrapTest, FullDiskSwitchesTracingOff) {
     ASSERT_TRUE(WIFEXITED(status));
     if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "a private mount namespace with a tmpfs was refused";
     EXPECT_EQ(0, WEXITSTATUS(status));
-    std::string said = readFile(output);
-    EXPECT_THAT(said, HasSubstr("Unable to write to trace file " + mountPoint + "/plain.trc. Tracing disabled.\n"));
-    EXPECT_THAT(said, HasSubstr("Unable to write to trace file " + mountPoint + "/wrap.trc. Tracing disabled.\n"));
-    EXPECT_THAT(said, HasSubstr("Unable to write to trace file " + mountPoint +
-                                "/raw.trc error is (28) No space left on device. Tracing disabled.\n"));
+    std::string said = readFile(output), prefix = "Unable to write to trace file " + mountPoint;
+    EXPECT_THAT(said, HasSubstr(prefix + "/plain.trc. Tracing disabled.\n"));
+    EXPECT_THAT(said, HasSubstr(prefix + "/wrap.trc. Tracing disabled.\n"));
+    EXPECT_THAT(said, HasSubstr(prefix + "/raw.trc error is (28) No space left on device. Tracing disabled.\n"));
 }
 
 }  // namespace
