@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "BKVlib/common/ut/trace.h"
 #include "gtest/gtest.h"
+#include "tests/support/TestFiles.h"
 
 namespace {
 
@@ -171,6 +173,78 @@ TEST_F(KfwemTest, ThreadsShareThePoolWithoutDamage) {
     for (unsigned t = 1; t <= 4; ++t) threads.emplace_back(worker, t);
     for (auto& t : threads) t.join();
     EXPECT_EQ(RC_OK, KfwPoolCheck());
+}
+
+TEST_F(KfwemTest, MergedNeighboursServeLargerRequestInSameSegment) {
+    // Four blocks fill the segment exactly: the last one takes the 16-byte remainder.
+    void* b[4];
+    for (auto& p : b) p = KF_MALLOC(16336);
+    EXPECT_EQ(0, stats().freeBytes);
+    EXPECT_EQ(-16360, head(b[3])->bSize);
+    KF_FREE(b[1]);
+    KF_FREE(b[2]);
+    EXPECT_EQ(2 * 16344, stats().freeBytes);
+    void* big = KF_MALLOC(32000);
+    EXPECT_EQ(1, stats().segments);
+    EXPECT_EQ(1, gSystemAllocs);  // no second segment was needed
+    EXPECT_EQ(RC_OK, KfwPoolCheck());
+    KF_FREE(big);
+    KF_FREE(b[0]);
+    KF_FREE(b[3]);
+}
+
+int gHandlerCalls = 0;
+int recoveringHandler(size_t) {
+    ++gHandlerCalls;
+    gSystemFails = false;
+    return 1;
+}
+
+TEST_F(KfwemTest, OutOfMemoryFailsOrRetriesThroughHandler) {
+    gSystemFails = true;
+    EXPECT_EQ("Alloc failed: Size 10 File o.cpp Line 1\n", reported([] { EXPECT_EQ(nullptr, kfMalloc(10, "o.cpp", 1)); }));
+    EXPECT_EQ("Alloc failed: Size 70000 File o.cpp Line 2\n",
+              reported([] { EXPECT_EQ(nullptr, kfMalloc(70000, "o.cpp", 2)); }));
+    EXPECT_EQ("Calloc failed: Size 8 File o.cpp Line 3\n",
+              reported([] { EXPECT_EQ(nullptr, kfCalloc(2, 8, "o.cpp", 3)); }));
+    gHandlerCalls = 0;
+    KfwSetOutOfMemoryHandler(recoveringHandler);
+    void* p = KF_MALLOC(10);
+    EXPECT_NE(nullptr, p);
+    EXPECT_EQ(1, gHandlerCalls);
+    gSystemFails = true;
+    void* same = p;
+    EXPECT_EQ("Realloc failed: Old addr " + addr(p) + " New Size 100000 File o.cpp Line 4\n",
+              reported([&] { same = kfRealloc(p, 100000, "o.cpp", 4); }));
+    EXPECT_EQ(nullptr, same);
+    EXPECT_EQ(-24, head(p)->bSize);  // the old block is left as it was
+    gSystemFails = false;
+    KF_FREE(p);
+}
+
+TEST_F(KfwemTest, PoolCheckDumpsBlocksAndFindsDamage) {
+    testfiles::TempDir dir;
+    trInit(0, 0, nullptr);
+    trSetLibFlags("MEMORY", 0);
+    ASSERT_EQ(0, trBegin(dir.file("trace").c_str(), 0));
+    void* small = kfMalloc(1, "t.cpp", 3);
+    void* direct = KF_MALLOC(KF_SEG_SIZE + 8);
+    EXPECT_EQ(RC_OK, KfwPoolCheck());
+    const std::string text = testfiles::readFile(dir.file("trace"));
+    for (const std::string& line :
+         {"KFWEM(+) Addr " + addr(small) + " Size 1 File t.cpp Line 3\n", std::string("****    Memory Dump    ****\n"),
+          "\t\tBusy block at " + addr(head(small)) + "(" + addr(small) + "): size     16 bytes.\n",
+          std::string("Direct block at "), std::string("KFWEM(v) Pool validation finished. RC = 0\n")}) {
+        EXPECT_NE(std::string::npos, text.find(line)) << line;
+    }
+    CBlkHead saved = *head(small);
+    head(small)->magic = 0x1234;
+    EXPECT_EQ(RC_POOL_DAMAGED, KfwPoolCheck());
+    EXPECT_NE(std::string::npos, testfiles::readFile(dir.file("trace")).find("(Magic value overwritten)\n"));
+    *head(small) = saved;
+    trEnd(1);
+    KF_FREE(direct);
+    KF_FREE(small);
 }
 
 }  // namespace
