@@ -1049,6 +1049,17 @@ int64_t utDaysBetween(const struct tm* from, const struct tm* to) {
            daysFromCivil(from->tm_year + 1900, from->tm_mon + 1, from->tm_mday);
 }
 
+std::string utStampNow() {
+    time_t now = time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    char date[64];
+    char clock[64];
+    utFormatDate(&local, date, sizeof(date));
+    utFormatTime(&local, clock, sizeof(clock));
+    return std::string(date) + " " + clock + " ";
+}
+
 void utToday(struct tm* today) {
     time_t now = g_clock();
     localtime_r(&now, today);
