@@ -30,15 +30,10 @@ Sink gErrorLog;
 Sink gSchedLog;
 Sink gThirdLog;
 
-std::string baseName(const std::string& path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 int32_t openSink(Sink* sink, const char* path, uint32_t maxBytes, uint32_t retainDays, char pruneMode) {
     if (!path || !*path) return -1;
     nlCloseLog(sink == &gErrorLog ? NL_LOG_ERROR : sink == &gSchedLog ? NL_LOG_SCHED : NL_LOG_THIRD);
-    std::string save = baseName(path) + kPrunedSuffix;
+    std::string save = utBaseName(path) + kPrunedSuffix;
     utSetLogSettings(&sink->log, maxBytes, save.c_str(), retainDays, pruneMode, 0, 0);
     int32_t rc = utWrapFile(&sink->log, path, 0);
     sink->open = rc == 0;

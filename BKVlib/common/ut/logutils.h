@@ -97,6 +97,11 @@ int32_t utCloseLog(LogFile* log);
 // -1 when the removal failed.
 int32_t utRemoveIfEmpty(const char* path);
 
+// The directory part of path ("." when it has none, "/" for a name in the root) and
+// the part after the last "/".
+std::string utDirName(const std::string& path);
+std::string utBaseName(const std::string& path);
+
 // A header line taken apart.
 struct LogHeader {
     int32_t present = 0;      // the line starts with "LOGHEADERREC"
