@@ -14,6 +14,7 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
 #include "Common/comutils.h"
+#include "Common/unix/ScopedFd.h"
 
 namespace {
 
@@ -26,18 +27,17 @@ std::string quoteIfNeeded(const std::string& name) {
 // Appends the whole file to text in chunks of at most 255 bytes. Each chunk is
 // appended as a C string, so a zero byte in the output ends that chunk early.
 void readCapture(const std::string& name, std::string* text) {
-    int fd = open(psUnquote(name).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
+    ScopedFd fd(open(psUnquote(name).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.isOpen()) return;
     char buf[256];
     memset(buf, 0, sizeof(buf));
     while (true) {
-        ssize_t got = read(fd, buf, sizeof(buf) - 1);
+        ssize_t got = read(fd.get(), buf, sizeof(buf) - 1);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;
         buf[got] = '\0';
         text->append(buf);
     }
-    close(fd);
 }
 
 // Raw system() status to the executor's result.

@@ -3,13 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <ctime>
 #include <random>
 
 #include "Common/AgentTrace.h"
 #include "Common/CmdArgs.h"
 #include "Common/comutils.h"
+#include "Common/unix/ScopedFd.h"
 
 namespace {
 
@@ -20,34 +20,6 @@ constexpr uint32_t kSidRunModulus = 10000;
 // A full directory of job files must not keep the tool drawing forever, and
 // with both run numbers given there is nothing left to redraw at all.
 constexpr int32_t kMaxJobFileDraws = 100;
-
-// Owns one descriptor; closed when the scope ends.
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-bool writeAll(int fd, const std::string& text) {
-    const char* data = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        ssize_t written = write(fd, data, left);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        data += written;
-        left -= static_cast<size_t>(written);
-    }
-    return true;
-}
 
 std::string timeText(time_t when) {
     return std::to_string(static_cast<long long>(when));
@@ -92,7 +64,7 @@ std::string chooseJobFileName(const std::string& dir, CmdArgs& cmdArgs) {
 // O_EXCL: a file that appeared since the existence check is someone else's.
 bool writeNewJobFile(const std::string& jobFile, CmdArgs& cmdArgs, bool scheduled) {
     bool created = false;
-    Fd fd(open(jobFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    ScopedFd fd(open(jobFile.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
     if (fd.get() < 0) {
         NA_TRACE_MIN("Unable to create %s\n", NA_STR(jobFile));
     } else {
@@ -101,7 +73,7 @@ bool writeNewJobFile(const std::string& jobFile, CmdArgs& cmdArgs, bool schedule
         std::string text = std::string(kJobFileHeader) + "pid=" + std::to_string(getpid());
         if (!scheduled) text += " sched=false";
         text += " startTime=" + timeText(cmdArgs.jobStartTime);
-        if (!writeAll(fd.get(), text)) NA_TRACE_MIN("Unable to write %s\n", NA_STR(jobFile));
+        if (!fd.writeAll(text)) NA_TRACE_MIN("Unable to write %s\n", NA_STR(jobFile));
     }
     return created;
 }
@@ -110,10 +82,10 @@ void appendToJobFile(const std::string& jobFile, const std::string& text) {
     if (!psFileExist(jobFile)) {
         NA_TRACE_MIN("Unable to open %s, file does not exist.\n", NA_STR(jobFile));
     } else {
-        Fd fd(open(jobFile.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+        ScopedFd fd(open(jobFile.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
         if (fd.get() < 0) {
             NA_TRACE_MIN("Unable to open %s\n", NA_STR(jobFile));
-        } else if (!writeAll(fd.get(), text)) {
+        } else if (!fd.writeAll(text)) {
             NA_TRACE_MIN("Unable to write %s\n", NA_STR(jobFile));
         }
     }

@@ -15,33 +15,13 @@
 
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
+#include "Common/unix/ScopedFd.h"
 
 namespace {
 
 const char kInstallLocation[] = "/opt/ZOR/QLX";
 const char kAgentDirectory[] = "agent";
 const size_t kCopyBlock = 65536;
-
-// Owns one descriptor.
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-    // Closes now and reports whether the close succeeded.
-    bool closeNow() {
-        int rc = close(fd_);
-        fd_ = -1;
-        return rc == 0;
-    }
-
-private:
-    int fd_;
-};
 
 std::string directoryOf(const std::string& path) {
     std::string::size_type slash = path.rfind('/');
@@ -97,14 +77,14 @@ int32_t copyFile(const std::string& fromName, const std::string& toName) {
     }
     if (rc == RC_OK) {
         NA_TRACE_MAX("Copying %s to %s\n", NA_STR(from), NA_STR(to));
-        Fd in(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-        Fd out(in.get() < 0 ? -1 : open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+        ScopedFd in(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+        ScopedFd out(in.get() < 0 ? -1 : open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         if (in.get() < 0 || out.get() < 0) {
             NA_TRACE_MIN("Unable to open %s\n", NA_STR(in.get() < 0 ? from : to));
             rc = -1;
         } else {
             rc = copyBlocks(in.get(), out.get(), from, to);
-            if (!out.closeNow() && rc == RC_OK) rc = -1;
+            if (out.close() != 0 && rc == RC_OK) rc = -1;
         }
     }
     NA_TRACE_EXIT("Exit: %s, rc = %d\n", "copyFile()", rc);

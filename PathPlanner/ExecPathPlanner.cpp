@@ -108,6 +108,13 @@ const PolicyName kPolicyNames[] = {
     {kSettingFailover, "Failover"},
 };
 
+// The host's multipath driver, or null after reporting that it has none.
+std::unique_ptr<MultipathDriver> driverOrReport(PPlannerDriver* plannerDriver) {
+    std::unique_ptr<MultipathDriver> driver = plannerDriver->getMultipathDriver();
+    if (!driver) logMsg(activityLog, AGT0456E);
+    return driver;
+}
+
 }  // namespace
 
 const char* policyName(int32_t setting) {
@@ -147,12 +154,9 @@ int32_t validateArgs(const std::vector<std::string>& options) {
 
 int32_t setMultipathPolicy(PPlannerDriver* plannerDriver) {
     NA_TRACE_ENTER("setMultipathPolicy()");
-    int32_t rc = RC_OK;
-    std::unique_ptr<MultipathDriver> driver = plannerDriver->getMultipathDriver();
-    if (!driver) {
-        logMsg(activityLog, AGT0456E);
-        rc = RC_NO_MULTIPATH_DRIVER;
-    } else {
+    int32_t rc = RC_NO_MULTIPATH_DRIVER;
+    std::unique_ptr<MultipathDriver> driver = driverOrReport(plannerDriver);
+    if (driver) {
         // The echo is built only when it will be traced: the device list may be long.
         if (naTraceMid && !multipathDevices.empty()) {
             NA_TRACE_MID("Calling: setPolicy with multipathSetting = %d for devices \"%s\"\n", multipathSetting,
@@ -166,12 +170,9 @@ int32_t setMultipathPolicy(PPlannerDriver* plannerDriver) {
 
 int32_t setMultipathState(PPlannerDriver* plannerDriver) {
     NA_TRACE_ENTER("setMultipathState()");
-    int32_t rc = RC_OK;
-    std::unique_ptr<MultipathDriver> driver = plannerDriver->getMultipathDriver();
-    if (!driver) {
-        logMsg(activityLog, AGT0456E);
-        rc = RC_NO_MULTIPATH_DRIVER;
-    } else {
+    int32_t rc = RC_NO_MULTIPATH_DRIVER;
+    std::unique_ptr<MultipathDriver> driver = driverOrReport(plannerDriver);
+    if (driver) {
         const std::string device = multipathDevices.empty() ? std::string() : multipathDevices.front();
         if (naTraceMid && !multipathWwpns.empty()) {
             NA_TRACE_MID("Calling: setState with multipathSetting = %d for device \"%s\" for wwpns = \"%s\"\n",

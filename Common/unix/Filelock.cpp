@@ -21,6 +21,7 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
 #include "Common/comutils.h"
+#include "Common/unix/ScopedFd.h"
 
 namespace {
 
@@ -80,7 +81,7 @@ Filelock::~Filelock() {
 int32_t Filelock::lockFile() {
     NA_TRACE_ENTER("lockFile()");
     int32_t rc = RC_OK;
-    int opened = -1;
+    ScopedFd opened;
     if (fileName.empty()) {
         NA_TRACE_MIN("Invalid file name\n");
         rc = RC_LOCK_FAILED;
@@ -88,17 +89,17 @@ int32_t Filelock::lockFile() {
         NA_TRACE_MIN("file already locked\n");  // by another lock object of this process
         rc = RC_ALREADY_LOCKED;
     } else if (fd < 0) {
-        opened = open(fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0700);
-        if (opened < 0) {
+        opened = ScopedFd(open(fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0700));
+        if (!opened.isOpen()) {
             NA_TRACE_MIN("Unable to open file: %s, \n", strerror(errno));
             rc = RC_LOCK_FAILED;
         }
     }
-    if (opened >= 0) {
+    if (opened.isOpen()) {
         NA_TRACE_MAX("locking file: %s\n", NA_STR(fileName));
-        if (lockf(opened, F_TLOCK, 0) == 0) {
+        if (lockf(opened.get(), F_TLOCK, 0) == 0) {
             NA_TRACE_MAX("locked file: %s\n", NA_STR(fileName));
-            fd = opened;
+            fd = opened.release();
             noteHeld(fd, true);
         } else {
             bool other = heldByOther(errno);
@@ -108,7 +109,6 @@ int32_t Filelock::lockFile() {
                 NA_TRACE_MIN("Unable to lock: %s, \n", strerror(errno));
             }
             rc = other ? RC_ALREADY_LOCKED : RC_LOCK_FAILED;
-            close(opened);
         }
     }
     NA_TRACE_EXIT("Exit: %s, rc: %d\n", "lockFile()", rc);
@@ -192,12 +192,13 @@ ssize_t readStart(int from, char* text, size_t size) {
 int32_t Filelock::readProcessId(int32_t* pid, std::string* data) {
     NA_TRACE_ENTER("readProcessId()");
     int held = fd >= 0 ? fd : heldDescriptor(fileName);
-    int from = held >= 0 ? held : open(fileName.c_str(), O_RDONLY | O_CLOEXEC);
+    ScopedFd opened(held >= 0 ? -1 : open(fileName.c_str(), O_RDONLY | O_CLOEXEC));
+    int from = held >= 0 ? held : opened.get();
     if (from < 0) NA_TRACE_MIN("Unable to open: %s, \n", strerror(errno));
     char text[kPidTextSize];
     memset(text, 0, sizeof(text));
     ssize_t got = from >= 0 ? readStart(from, text, sizeof(text)) : -1;
-    if (from >= 0 && from != held && close(from) != 0) {
+    if (opened.close() != 0) {
         NA_TRACE_MIN("Unable to close file: %d - %s\n", errno, strerror(errno));
     }
     int32_t rc = RC_READ_PID_FAILED;
@@ -213,11 +214,8 @@ bool Filelock::isLocked() {
     NA_TRACE_ENTER("isLocked()");
     bool locked = false;
     bool ours = fd >= 0 || heldDescriptor(fileName) >= 0;
-    int probe = ours ? -1 : open(fileName.c_str(), O_RDONLY | O_CLOEXEC);
-    if (probe >= 0) {
-        locked = lockf(probe, F_TEST, 0) != 0 && heldByOther(errno);
-        close(probe);
-    }
+    ScopedFd probe(ours ? -1 : open(fileName.c_str(), O_RDONLY | O_CLOEXEC));
+    if (probe.isOpen()) locked = lockf(probe.get(), F_TEST, 0) != 0 && heldByOther(errno);
     if (locked) {
         NA_TRACE_MAX("File %s is locked\n", NA_STR(fileName));
     } else {

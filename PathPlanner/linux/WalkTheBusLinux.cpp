@@ -11,6 +11,7 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
 #include "Common/CmdExecer.h"
+#include "Common/unix/ScopedFd.h"
 
 namespace {
 
@@ -19,36 +20,6 @@ const char kRescanFilePrefix[] = "/tmp/rescanScript";
 // The value is deliberate: keep it decimal.
 constexpr mode_t kScriptMode = 755;
 constexpr uint32_t kSettleSeconds = 60;
-
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd) : fd_(fd) {}
-    ~ScopedFd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return fd_; }
-    // 0, or -1 when the close reports a failed write-back.
-    int close() {
-        int rc = ::close(fd_);
-        fd_ = -1;
-        return rc;
-    }
-
-private:
-    int fd_;
-};
-
-bool writeAll(int fd, const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno != EINTR) break;
-        if (n > 0) done += static_cast<size_t>(n);
-    }
-    return done == text.size();
-}
 
 }  // namespace
 
@@ -82,7 +53,7 @@ int32_t WalkTheBusLinux::writeScript() {
     ScopedFd fd(open(rescanFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRWXU));
     if (fd.get() < 0) {
         NA_TRACE_MIN("%s Unable to create rescan script.\n", "writeScript()");
-    } else if (!writeAll(fd.get(), script_)) {
+    } else if (!fd.writeAll(script_)) {
         unlink(rescanFile.c_str());
         NA_TRACE_MIN("%s Unable to write to rescan script.\n", "writeScript()");
     } else {

@@ -13,6 +13,7 @@
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
 #include "Common/comutils.h"
+#include "Common/unix/ScopedFd.h"
 #include "Multipath/linux/MultipathDMLinux.h"
 #include "PathPlanner/topology/TopologyFormat.h"
 
@@ -73,20 +74,15 @@ int32_t parseOptions(int argc, char** argv, Options* options) {
 class QuietStderr {
 public:
     QuietStderr() : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
-        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (saved_ >= 0 && null >= 0) dup2(null, STDERR_FILENO);
-        if (null >= 0) close(null);
+        ScopedFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        if (saved_.isOpen() && null.isOpen()) dup2(null.get(), STDERR_FILENO);
     }
     ~QuietStderr() {
-        if (saved_ < 0) return;
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
+        if (saved_.isOpen()) dup2(saved_.get(), STDERR_FILENO);
     }
-    QuietStderr(const QuietStderr&) = delete;
-    QuietStderr& operator=(const QuietStderr&) = delete;
 
 private:
-    int saved_;
+    ScopedFd saved_;
 };
 
 // The command as a user would type it: the executor's redirections are dropped.

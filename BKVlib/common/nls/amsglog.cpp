@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
 
 #include "BKVlib/common/nls/amsgrtrv.h"
@@ -50,16 +49,7 @@ void defaultSeverityLogger(uint8_t severity, const char* text) {
 }
 
 void toStdout(const std::string& text) {
-    if (nlSettings().stampConsole) {
-        time_t now = time(nullptr);
-        struct tm local;
-        localtime_r(&now, &local);
-        char date[64];
-        char clock[64];
-        utFormatDate(&local, date, sizeof(date));
-        utFormatTime(&local, clock, sizeof(clock));
-        printf("%s %s ", date, clock);
-    }
+    if (nlSettings().stampConsole) fputs(utStampNow().c_str(), stdout);
     fputs(text.c_str(), stdout);
     fflush(stdout);
 }

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <string>
 
 #include "BKVlib/common/nls/amsgfmt.h"
@@ -31,33 +30,16 @@ Sink gErrorLog;
 Sink gSchedLog;
 Sink gThirdLog;
 
-std::string baseName(const std::string& path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 int32_t openSink(Sink* sink, const char* path, uint32_t maxBytes, uint32_t retainDays, char pruneMode) {
     if (!path || !*path) return -1;
     nlCloseLog(sink == &gErrorLog ? NL_LOG_ERROR : sink == &gSchedLog ? NL_LOG_SCHED : NL_LOG_THIRD);
-    std::string save = baseName(path) + kPrunedSuffix;
+    std::string save = utBaseName(path) + kPrunedSuffix;
     utSetLogSettings(&sink->log, maxBytes, save.c_str(), retainDays, pruneMode, 0, 0);
     int32_t rc = utWrapFile(&sink->log, path, 0);
     sink->open = rc == 0;
     sink->lineEnded = true;
     TR_PRINTF(TR_NLS, "Library log %s %s\n", path, rc == 0 ? "opened" : "not opened");
     return rc;
-}
-
-// "date time " in the library's formats.
-std::string stamp() {
-    time_t now = time(nullptr);
-    struct tm local;
-    localtime_r(&now, &local);
-    char date[64];
-    char clock[64];
-    utFormatDate(&local, date, sizeof(date));
-    utFormatTime(&local, clock, sizeof(clock));
-    return std::string(date) + " " + clock + " ";
 }
 
 bool endsWithNewline(const std::string& text) {
@@ -108,7 +90,7 @@ int32_t nlErrorLogWrite(const char* text) {
     MutexLock lock(nlsMutex());
     if (lock.status() != RC_OK) return RC_MISSING_ARG;
     if (!gErrorLog.open) return RC_OK;
-    std::string line = stamp() + text;
+    std::string line = utStampNow() + text;
     if (!endsWithNewline(line)) line += "\n";
     return writeLine(&gErrorLog, line) == 0 ? RC_OK : RC_LOG_WRITE_FAILED;
 }
@@ -116,7 +98,7 @@ int32_t nlErrorLogWrite(const char* text) {
 int32_t nlSchedLogWrite(const char* text) {
     if (!gSchedLog.open) return RC_OK;
     std::string body = text;
-    std::string line = gSchedLog.lineEnded ? stamp() + body : body;
+    std::string line = gSchedLog.lineEnded ? utStampNow() + body : body;
     gSchedLog.lineEnded = endsWithNewline(body);
     return writeLine(&gSchedLog, line) == 0 ? RC_OK : RC_LOG_WRITE_FAILED;
 }
@@ -125,12 +107,12 @@ int32_t nlThirdLogWrite(const char* text) {
     if (!gThirdLog.open) return RC_OK;
     std::string body = text;
     if (endsWithNewline(body)) body.pop_back();
-    return writeLine(&gThirdLog, stamp() + body + "\n") == 0 ? RC_OK : thirdLogFailed();
+    return writeLine(&gThirdLog, utStampNow() + body + "\n") == 0 ? RC_OK : thirdLogFailed();
 }
 
 int32_t nlThirdLogWriteW(const wchar_t* text) {
     if (!gThirdLog.open) return RC_OK;
     nlsCharBuffer narrow;
     narrow.append(text, wcslen(text));
-    return writeLine(&gThirdLog, stamp() + narrow.text() + "\n") == 0 ? RC_OK : thirdLogFailed();
+    return writeLine(&gThirdLog, utStampNow() + narrow.text() + "\n") == 0 ? RC_OK : thirdLogFailed();
 }

@@ -13,10 +13,11 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "BKVlib/common/ut/trace.h"
 
+std::atomic<int32_t> psthread_flags::singleThreaded{0};
+std::atomic<int32_t> psthread_flags::shutdownBegun{0};
+
 namespace {
 
-std::atomic<int32_t> gSingleThreaded{0};
-std::atomic<int32_t> gShutdownBegun{0};
 std::atomic<int32_t> gMainPid{0};
 std::atomic<pthread_t> gMainThread{};
 std::atomic<PsThreadRegisterHook> gRegisterHook{nullptr};
@@ -80,20 +81,18 @@ void psSetMultiThreaded(int32_t on) {
     if (on) {
         gMainThread.store(pthread_self());
         gMainPid.store(static_cast<int32_t>(getpid()));
-        gSingleThreaded.store(0);
+        psthread_flags::singleThreaded.store(0);
     } else {
-        gSingleThreaded.store(1);
+        psthread_flags::singleThreaded.store(1);
     }
 }
 
 int32_t psIsMainThread() {
-    if (gSingleThreaded.load()) return 1;
+    if (psthread_flags::singleThreaded.load()) return 1;
     return pthread_equal(gMainThread.load(), pthread_self()) ? 1 : 0;
 }
 
-int32_t psIsSingleThreaded() { return gSingleThreaded.load(); }
-int32_t psShutdownBegun() { return gShutdownBegun.load(); }
-void psSetShutdownBegun() { gShutdownBegun.store(1); }
+void psSetShutdownBegun() { psthread_flags::shutdownBegun.store(1); }
 int32_t psMainPid() { return gMainPid.load(); }
 
 int32_t psThreadNumber() {

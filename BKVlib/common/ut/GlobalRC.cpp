@@ -91,7 +91,7 @@ int32_t GlobalrC::set(int32_t msgNum) {
     int32_t rc = msgRC(msgNum);
     if (!lock(__LINE__)) return 0;
     TR_PRINTF(TR_GENERAL, "msgNum = %d.\n", msgNum);
-    TR_PRINTF(TR_GENERAL, "Before processing, rc = %d, rcMacroMax = %d, rcMax = %d.\n", rc_, rcMacroMax_, rcMax_);
+    traceValues("Before", 3);
     TR_PRINTF(TR_GENERAL, "msgRC = %d.\n", rc);
     int32_t changed = 0;
     if (rc > rc_) {
@@ -103,7 +103,7 @@ int32_t GlobalrC::set(int32_t msgNum) {
         TR_PRINTF(TR_GENERAL, "New values: rc = %d, rcMacroMax = %d, rcMax = %d.\n", rc_, rcMacroMax_, rcMax_);
         changed = 1;
     }
-    TR_PRINTF(TR_GENERAL, "After processing, rc = %d, rcMacroMax = %d, rcMax = %d.\n", rc_, rcMacroMax_, rcMax_);
+    traceValues("After", 3);
     if (pkReleaseMutex(mutex_) != RC_OK) {
         reportFailure(__LINE__, "Unable to release global rc mutex");
         return 0;
@@ -112,68 +112,44 @@ int32_t GlobalrC::set(int32_t msgNum) {
     return changed;
 }
 
-int32_t GlobalrC::get() {
-    TR_PRINTF(TR_GENERAL, "GlobalrC::get() entry.\n");
-    bool locked = lock(__LINE__);
-    int32_t value = rc_;
-    unlock(locked, __LINE__);
-    TR_PRINTF(TR_GENERAL, "rc = %d.\n", value);
-    TR_PRINTF(TR_GENERAL, "GlobalrC::get() exit.\n");
-    return value;
+// The values a trace line shows: rc, then rcMacroMax, then rcMax, count of them.
+void GlobalrC::traceValues(const char* when, int count) const {
+    if (count == 1) {
+        TR_PRINTF(TR_GENERAL, "%s processing, rc = %d.\n", when, rc_);
+    } else if (count == 2) {
+        TR_PRINTF(TR_GENERAL, "%s processing, rc = %d, rcMacroMax = %d.\n", when, rc_, rcMacroMax_);
+    } else {
+        TR_PRINTF(TR_GENERAL, "%s processing, rc = %d, rcMacroMax = %d, rcMax = %d.\n", when, rc_, rcMacroMax_,
+                  rcMax_);
+    }
 }
 
-int32_t GlobalrC::getMacroMax() {
-    TR_PRINTF(TR_GENERAL, "GlobalrC::getMacroMax() entry.\n");
+int32_t GlobalrC::read(const char* name, const int32_t* value) {
+    TR_PRINTF(TR_GENERAL, "GlobalrC::%s() entry.\n", name);
     bool locked = lock(__LINE__);
-    int32_t value = rcMacroMax_;
+    int32_t copy = *value;
     unlock(locked, __LINE__);
-    TR_PRINTF(TR_GENERAL, "rc = %d.\n", value);
-    TR_PRINTF(TR_GENERAL, "GlobalrC::getMacroMax() exit.\n");
-    return value;
+    TR_PRINTF(TR_GENERAL, "rc = %d.\n", copy);
+    TR_PRINTF(TR_GENERAL, "GlobalrC::%s() exit.\n", name);
+    return copy;
 }
 
-int32_t GlobalrC::getMax() {
-    TR_PRINTF(TR_GENERAL, "GlobalrC::getMax() entry.\n");
+// Zeroes the first count values: rc, then rcMacroMax, then rcMax.
+int32_t GlobalrC::clear(const char* name, int count) {
+    TR_PRINTF(TR_GENERAL, "GlobalrC::%s() entry.\n", name);
     bool locked = lock(__LINE__);
-    int32_t value = rcMax_;
+    traceValues("Before", count);
+    int32_t* values[] = {&rc_, &rcMacroMax_, &rcMax_};
+    for (int i = 0; i < count; ++i) *values[i] = 0;
+    traceValues("After", count);
     unlock(locked, __LINE__);
-    TR_PRINTF(TR_GENERAL, "rc = %d.\n", value);
-    TR_PRINTF(TR_GENERAL, "GlobalrC::getMax() exit.\n");
-    return value;
-}
-
-int32_t GlobalrC::clearRC() {
-    TR_PRINTF(TR_GENERAL, "GlobalrC::clearRC() entry.\n");
-    bool locked = lock(__LINE__);
-    TR_PRINTF(TR_GENERAL, "Before processing, rc = %d.\n", rc_);
-    rc_ = 0;
-    TR_PRINTF(TR_GENERAL, "After processing, rc = %d.\n", rc_);
-    unlock(locked, __LINE__);
-    TR_PRINTF(TR_GENERAL, "GlobalrC::clearRC() exit.\n");
+    TR_PRINTF(TR_GENERAL, "GlobalrC::%s() exit.\n", name);
     return 1;
 }
 
-int32_t GlobalrC::clearMacroRC() {
-    TR_PRINTF(TR_GENERAL, "GlobalrC::clearMacroRC() entry.\n");
-    bool locked = lock(__LINE__);
-    TR_PRINTF(TR_GENERAL, "Before processing, rc = %d, rcMacroMax = %d.\n", rc_, rcMacroMax_);
-    rc_ = 0;
-    rcMacroMax_ = 0;
-    TR_PRINTF(TR_GENERAL, "After processing, rc = %d, rcMacroMax = %d.\n", rc_, rcMacroMax_);
-    unlock(locked, __LINE__);
-    TR_PRINTF(TR_GENERAL, "GlobalrC::clearMacroRC() exit.\n");
-    return 1;
-}
-
-int32_t GlobalrC::clearAllRC() {
-    TR_PRINTF(TR_GENERAL, "GlobalrC::clearAllRC() entry.\n");
-    bool locked = lock(__LINE__);
-    TR_PRINTF(TR_GENERAL, "Before processing, rc = %d, rcMacroMax = %d, rcMax = %d.\n", rc_, rcMacroMax_, rcMax_);
-    rc_ = 0;
-    rcMacroMax_ = 0;
-    rcMax_ = 0;
-    TR_PRINTF(TR_GENERAL, "After processing, rc = %d, rcMacroMax = %d, rcMax = %d.\n", rc_, rcMacroMax_, rcMax_);
-    unlock(locked, __LINE__);
-    TR_PRINTF(TR_GENERAL, "GlobalrC::clearAllRC() exit.\n");
-    return 1;
-}
+int32_t GlobalrC::get() { return read("get", &rc_); }
+int32_t GlobalrC::getMacroMax() { return read("getMacroMax", &rcMacroMax_); }
+int32_t GlobalrC::getMax() { return read("getMax", &rcMax_); }
+int32_t GlobalrC::clearRC() { return clear("clearRC", 1); }
+int32_t GlobalrC::clearMacroRC() { return clear("clearMacroRC", 2); }
+int32_t GlobalrC::clearAllRC() { return clear("clearAllRC", 3); }

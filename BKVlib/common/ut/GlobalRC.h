@@ -40,6 +40,10 @@ private:
     GlobalrC();
     bool lock(int line);
     void unlock(bool locked, int line);
+    // Each traces as the public call it serves (name), under the mutex.
+    int32_t read(const char* name, const int32_t* value);
+    int32_t clear(const char* name, int count);
+    void traceValues(const char* when, int count) const;
 
     int32_t rc_ = 0;
     int32_t rcMacroMax_ = 0;

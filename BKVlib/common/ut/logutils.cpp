@@ -53,17 +53,6 @@ int32_t failWith(LogFile* log, int err) {
     return -1;
 }
 
-std::string dirOf(const std::string& path) {
-    std::string::size_type slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string baseOf(const std::string& path) {
-    std::string::size_type slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 // A stream owned for one scope.
 class File {
 public:
@@ -243,6 +232,17 @@ const char* skipBlanks(const char* p, const char* end) {
 
 }  // namespace
 
+std::string utDirName(const std::string& path) {
+    std::string::size_type slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string utBaseName(const std::string& path) {
+    std::string::size_type slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
 // ---------------------------------------------------------------------------------
 // Header
 
@@ -392,7 +392,11 @@ namespace {
 class Pruner {
 public:
     Pruner(LogFile* log, const std::string& path, uint32_t retentionDays)
-        : log_(log), path_(path), dir_(dirOf(path)), tempPath_(dir_ + "/" + kPruneTempName), retention_(retentionDays) {}
+        : log_(log),
+          path_(path),
+          dir_(utDirName(path)),
+          tempPath_(dir_ + "/" + kPruneTempName),
+          retention_(retentionDays) {}
     Pruner(const Pruner&) = delete;
     Pruner& operator=(const Pruner&) = delete;
 
@@ -440,7 +444,7 @@ int32_t Pruner::open(const char* saveName) {
     }
     int32_t rc = 0;
     if (saveName && *saveName) {
-        std::string savePath = dir_ + "/" + baseOf(saveName);
+        std::string savePath = dir_ + "/" + utBaseName(saveName);
         int err = save_.open(savePath, modeAppend(log_));
         if (err != 0) {
             issueFileError(kMsgCannotOpenAux, savePath, err);
@@ -644,7 +648,7 @@ bool isDamaged(const FirstLook& look) {
 std::string conversionSavePath(const LogFile* log) {
     if (log->saveName.empty()) return log->path + ".sav";
     if (log->saveName.find('/') != std::string::npos) return log->saveName;
-    return dirOf(log->path) + "/" + log->saveName;
+    return utDirName(log->path) + "/" + log->saveName;
 }
 
 int32_t readFailed(LogFile* log, FILE* in) {
@@ -711,7 +715,7 @@ int32_t openWrappingStream(LogFile* log, uint32_t headerLen, uint32_t nextWrite)
 // Builds a fresh wrapping log holding lines and renames it over the log; the log
 // record then owns its stream, positioned at nextWrite.
 int32_t writeWrappingLog(LogFile* log, const std::deque<std::string>& lines) {
-    TempFile temp(dirOf(log->path), log->binaryModes != 0);
+    TempFile temp(utDirName(log->path), log->binaryModes != 0);
     if (!temp.get()) return tempOpenFailed(log, temp);
     std::string header = utFormatLogHeader(0, log->maxBytes);
     bool ok = putText(temp.get(), header.data(), header.size());
@@ -814,7 +818,7 @@ int32_t makePlain(LogFile* log, const FirstLook& look, int32_t quiet) {
     if (!quiet) nlIssue(kMsgToPlain, kMsgFlags, log->path.c_str());
     File in(fopen(log->path.c_str(), modeRead(log)));
     if (!in.get()) return cannotOpen(log, errno);
-    TempFile temp(dirOf(log->path), log->binaryModes != 0);
+    TempFile temp(utDirName(log->path), log->binaryModes != 0);
     if (!temp.get()) return tempOpenFailed(log, temp);
     unsigned long count = 0;
     int32_t rc = forEachEntry(log, in.get(), look, [&](const char* line, size_t length) {
@@ -1047,6 +1051,17 @@ int32_t utParseDate(const char* text, size_t length, struct tm* date) {
 int64_t utDaysBetween(const struct tm* from, const struct tm* to) {
     return daysFromCivil(to->tm_year + 1900, to->tm_mon + 1, to->tm_mday) -
            daysFromCivil(from->tm_year + 1900, from->tm_mon + 1, from->tm_mday);
+}
+
+std::string utStampNow() {
+    time_t now = time(nullptr);
+    struct tm local;
+    localtime_r(&now, &local);
+    char date[64];
+    char clock[64];
+    utFormatDate(&local, date, sizeof(date));
+    utFormatTime(&local, clock, sizeof(clock));
+    return std::string(date) + " " + clock + " ";
 }
 
 void utToday(struct tm* today) {

@@ -97,6 +97,11 @@ int32_t utCloseLog(LogFile* log);
 // -1 when the removal failed.
 int32_t utRemoveIfEmpty(const char* path);
 
+// The directory part of path ("." when it has none, "/" for a name in the root) and
+// the part after the last "/".
+std::string utDirName(const std::string& path);
+std::string utBaseName(const std::string& path);
+
 // A header line taken apart.
 struct LogHeader {
     int32_t present = 0;      // the line starts with "LOGHEADERREC"
@@ -133,6 +138,9 @@ bool utTimeFormatUsable(const char* format);
 // buf is null or too small (buf then holds "").
 size_t utFormatDate(const struct tm* when, char* buf, size_t size);
 size_t utFormatTime(const struct tm* when, char* buf, size_t size);
+// "date time " of the wall clock now, in the current formats: the stamp in front of a
+// library log line or a stamped console message.
+std::string utStampNow();
 // Parses a date in the current date format from the first length characters of text
 // (characters behind the date are ignored). Fills tm_year, tm_mon and tm_mday of
 // *date. 0, or -1 when the text is not a real date in that format.

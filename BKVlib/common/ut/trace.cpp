@@ -12,6 +12,7 @@
 
 #include "BKVlib/common/nls/amsglog.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "BKVlib/common/ut/logutils.h"
 #include "BKVlib/common/ut/trstate.h"
 
 TraceState trState;
@@ -149,11 +150,6 @@ std::string fullPath(const std::string& name) {
     char cwd[4096];
     std::string dir = getcwd(cwd, sizeof(cwd)) ? cwd : ".";
     return dir + "/" + name;
-}
-
-std::string directoryOf(const std::string& path) {
-    size_t slash = path.rfind('/');
-    return slash == 0 ? std::string("/") : path.substr(0, slash);
 }
 
 // 0, or the library message number that says why the directory cannot be used,
@@ -466,7 +462,7 @@ int32_t trSetFileName(const char* name) {
         trState.givenName = given;
     } else {
         std::string path = fullPath(given);
-        std::string dir = directoryOf(path);
+        std::string dir = utDirName(path);
         int error = 0;
         uint16_t problem = directoryProblem(dir, &error);
         if (problem != 0) {
