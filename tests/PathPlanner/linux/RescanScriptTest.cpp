@@ -1,23 +1,32 @@
 // Runs the rescan script in a private mount namespace with fake /proc, /sys/class
 // and /tmp trees, a sleep that does not wait, and fakes that play the kernel.
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
 #include "PathPlanner/linux/WalkTheBusLinux.h"
 #include "gtest/gtest.h"
-#include "tests/fakes/zpl/FakeTools.h"
+#include "tests/support/TestFiles.h"
 
 namespace {
 
-using zpltest::readFile;
-using zpltest::writeFile;
-
-const std::string kFakes = PP_SOURCE_DIR "/tests/fakes/zpl/rescan";
-
-bool namespacesAllowed() { return system("unshare -m true >/dev/null 2>&1") == 0; }
+// Three 2.6 hosts: host2 and host3 scan through the FIFO kernel, host4 is a plain
+// file; host2 has a Fibre Channel LIP file, host3's is not a regular file.
+const char kSysfsHosts[] = R"(
+mkdir -p proc/scsi sysclass/scsi_host/host2 sysclass/scsi_host/host3 sysclass/scsi_host/host4 \
+    sysclass/fc_host/host2 sysclass/fc_host/host3/issue_lip
+mkfifo sysclass/scsi_host/host2/scan sysclass/scsi_host/host3/scan
+: > sysclass/scsi_host/host4/scan; : > sysclass/fc_host/host2/issue_lip
+printf 'Attached devices:\nHost: scsi2 Channel: 00 Id: 00 Lun: 00\n' > proc/scsi/scsi
+)";
+// Two 2.4 hosts: qla2300's entry "2" by name, lpfc's entry by its status file (5).
+const char kProcHosts[] = R"(
+mkdir -p proc/scsi/sg proc/scsi/qla2300 proc/scsi/lpfc/0 sysclass/block
+: > proc/scsi/sg/devices; : > proc/scsi/qla2300/add_map; echo 'QLogic driver' > proc/scsi/qla2300/2
+printf 'Emulex LightPulse\nSCSI host number: 5\n' > proc/scsi/lpfc/0/status
+echo 'Host: scsi2 Channel: 00 Id: 00 Lun: 00' > table
+{ echo 'Attached devices:'; cat table; } > proc/scsi/scsi
+)";
 
 size_t countLines(const std::string& text, const std::string& line) {
     size_t count = 0;
@@ -25,122 +34,65 @@ size_t countLines(const std::string& text, const std::string& line) {
     return count;
 }
 
-class RescanSandbox {
-public:
-    // The stage lives in the build tree: /tmp is replaced inside the namespace.
-    RescanSandbox() : stage_(zpltest::makeTempDir(PP_BINARY_DIR)) {
-        for (const char* dir : {"/proc", "/sysclass", "/tmp"}) mkdir((stage_ + dir).c_str(), 0755);
-        writeFile(stage_ + "/rescan.sh", kRescanScript);
-    }
-    ~RescanSandbox() {
-        std::error_code ignored;
-        std::filesystem::remove_all(stage_, ignored);
-    }
-    void dir(const std::string& rel) { std::filesystem::create_directories(stage_ + "/" + rel); }
-    void file(const std::string& rel, const std::string& text) {
-        dir(std::filesystem::path(rel).parent_path());
-        writeFile(stage_ + "/" + rel, text);
-    }
-    void fifo(const std::string& rel) {
-        dir(std::filesystem::path(rel).parent_path());
-        mkfifo((stage_ + "/" + rel).c_str(), 0600);
-    }
-    // Runs the script; newLunPass > 0 starts the FIFO kernel (0: it never adds a LUN).
-    int run(int newLunPass = -1) {
-        std::string s = stage_;
-        std::string kernel = newLunPass < 0 ? "" : "NEW_LUN_PASS=" + std::to_string(newLunPass) + " bash " +
-                                                       kFakes + "/fifo-kernel & kernel=$!; ";
-        std::string inner = "mount --bind " + s + "/proc /proc && mount --bind " + s +
-                            "/sysclass /sys/class && mount --bind " + s + "/tmp /tmp || exit 99; export RESCAN_STAGE=" +
-                            s + " PATH=" + kFakes + ":$PATH; " + kernel + "bash " + s + "/rescan.sh >" + s +
-                            "/out 2>" + s + "/err; rc=$?; [ -n \"$kernel\" ] && kill $kernel; exit $rc";
-        std::string command = "unshare -m --propagation private bash -c '" + inner + "'";
-        int status = system(command.c_str());
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    std::string read(const std::string& rel) const { return readFile(stage_ + "/" + rel); }
-    bool empty(const std::string& rel) const { return std::filesystem::is_empty(stage_ + "/" + rel); }
-
-private:
-    std::string stage_;
-};
-
-// Three 2.6 hosts: host2 and host3 scan through the FIFO kernel, host4 is a plain
-// file; host2 has a Fibre Channel LIP file, host3's is not a regular file.
-void buildSysfsHosts(RescanSandbox* box) {
-    box->file("proc/scsi/scsi", "Attached devices:\nHost: scsi2 Channel: 00 Id: 00 Lun: 00\n");
-    box->fifo("sysclass/scsi_host/host2/scan");
-    box->fifo("sysclass/scsi_host/host3/scan");
-    box->file("sysclass/scsi_host/host4/scan", "");
-    box->file("sysclass/scsi_host/host2/proc_name", "qla2xxx\n");
-    box->file("sysclass/fc_host/host2/issue_lip", "");
-    box->dir("sysclass/fc_host/host3/issue_lip");
-}
-
-// Two 2.4 hosts: qla2300's entry "2" by name, lpfc's entry by its status file (5).
-void buildProcHosts(RescanSandbox* box, const std::string& present) {
-    box->file("proc/scsi/sg/devices", "");
-    box->file("proc/scsi/device_info", "");
-    box->file("proc/scsi/dummy", "");
-    box->file("proc/scsi/qla2300/2", "QLogic driver\n");
-    box->file("proc/scsi/qla2300/add_map", "");
-    box->file("proc/scsi/lpfc/0/status", "Emulex LightPulse\nSCSI host number: 5\n");
-    box->file("table", "Host: scsi2 Channel: 00 Id: 00 Lun: 00\n");
-    box->file("proc/scsi/scsi", "Attached devices:\n" + box->read("table"));
-    box->file("present", present);
-    box->dir("sysclass/block");
-}
-
+// The stage lives in the build tree: /tmp is replaced inside the namespace.
 class RescanScriptTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!namespacesAllowed()) GTEST_SKIP() << "private mount namespaces are refused here (unshare -m)";
+        if (system("unshare -m true >/dev/null 2>&1") != 0) GTEST_SKIP() << "private mount namespaces are refused here";
+        std::string pattern = PP_BINARY_DIR "/rescanXXXXXX";
+        stage_ = mkdtemp(&pattern[0]) ? pattern : "";
+        testfiles::writeFile(stage_ + "/rescan.sh", kRescanScript);
     }
+    void TearDown() override {
+        std::error_code ignored;
+        if (!stage_.empty()) std::filesystem::remove_all(stage_, ignored);
+    }
+    // Builds the stage with setup, then runs the script with the stage's proc, sysclass and tmp as
+    // /proc, /sys/class and /tmp. lunPass >= 0 starts the FIFO kernel, adding a LUN on that pass (0: never).
+    int run(const std::string& setup, int lunPass = -1) {
+        std::string kernel = lunPass < 0 ? "" : "NEW_LUN_PASS=" + std::to_string(lunPass) + " bash $F/fifo-kernel &";
+        testfiles::writeFile(stage_ + "/run.sh", "S=" + stage_ + " F=" PP_SOURCE_DIR "/tests/fakes/rescan\n"
+                             "cd $S && mkdir -p proc sysclass tmp\n" + setup + "\n"
+                             "mount --bind $S/proc /proc && mount --bind $S/sysclass /sys/class && "
+                             "mount --bind $S/tmp /tmp || exit 99\nexport RESCAN_STAGE=$S PATH=$F:$PATH\n" + kernel +
+                             "\nbash $S/rescan.sh >$S/out 2>$S/err; rc=$?; kill $! 2>/dev/null; exit $rc\n");
+        int status = system(("unshare -m --propagation private bash " + stage_ + "/run.sh").c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::string read(const std::string& rel) const { return testfiles::readFile(stage_ + "/" + rel); }
+    bool empty(const std::string& rel) const { return std::filesystem::is_empty(stage_ + "/" + rel); }
+
+    std::string stage_;
 };
 
 TEST_F(RescanScriptTest, MissingSubsystemOrHostsExitOne) {
-    struct Case {
-        bool procScsi;
-        const char* out;
-    } cases[] = {{false, "Error: SCSI subsystem not active\n"}, {true, "No SCSI host adapters found in /sys\n"}};
-    for (const Case& c : cases) {
-        RescanSandbox box;
-        if (c.procScsi) box.file("proc/scsi/scsi", "Attached devices:\n");
-        box.dir("sysclass/scsi_host");
-        EXPECT_EQ(1, box.run()) << c.out;
-        EXPECT_EQ(c.out, box.read("out"));
-    }
+    EXPECT_EQ(1, run("mkdir sysclass/scsi_host"));
+    EXPECT_EQ("Error: SCSI subsystem not active\n", read("out"));
+    EXPECT_EQ(1, run("mkdir -p proc/scsi sysclass/scsi_host"));
+    EXPECT_EQ("No SCSI host adapters found in /sys\n", read("out"));
 }
 
 TEST_F(RescanScriptTest, SysfsNewLunOnSecondPassEndsTheLoop) {
-    RescanSandbox box;
-    buildSysfsHosts(&box);
-    EXPECT_EQ(0, box.run(2));
-    EXPECT_EQ("host2 - - -\nhost3 - - -\nhost2 - - -\nhost3 - - -\n", box.read("scans.log"));
-    EXPECT_EQ("10\n", box.read("sleep.log"));
-    EXPECT_EQ("- - -\n", box.read("sysclass/scsi_host/host4/scan"));
-    EXPECT_EQ("1\n", box.read("sysclass/fc_host/host2/issue_lip"));
-    EXPECT_TRUE(box.empty("sysclass/fc_host/host3/issue_lip"));
-    EXPECT_EQ("", box.read("err"));
-    EXPECT_TRUE(box.empty("tmp"));  // the /proc/scsi/scsi snapshots are removed
+    EXPECT_EQ(0, run(kSysfsHosts, 2));
+    EXPECT_EQ("host2 - - -\nhost3 - - -\nhost2 - - -\nhost3 - - -\n", read("scans.log"));
+    EXPECT_EQ("10\n", read("sleep.log"));
+    EXPECT_EQ("- - -\n", read("sysclass/scsi_host/host4/scan"));
+    EXPECT_EQ("1\n", read("sysclass/fc_host/host2/issue_lip"));
+    EXPECT_TRUE(empty("sysclass/fc_host/host3/issue_lip"));
+    EXPECT_EQ("", read("err"));
+    EXPECT_TRUE(empty("tmp"));  // the /proc/scsi/scsi snapshots are removed
 }
 
 TEST_F(RescanScriptTest, SysfsNothingNewRunsFourPasses) {
-    RescanSandbox box;
-    buildSysfsHosts(&box);
-    EXPECT_EQ(0, box.run(0));
-    EXPECT_EQ(4u, countLines(box.read("scans.log"), "host2 - - -\n"));
-    EXPECT_EQ(4u, countLines(box.read("scans.log"), "host3 - - -\n"));
-    EXPECT_EQ("10\n10\n10\n", box.read("sleep.log"));
-    EXPECT_EQ("", box.read("out"));
-    EXPECT_TRUE(box.empty("tmp"));
+    EXPECT_EQ(0, run(kSysfsHosts, 0));
+    EXPECT_EQ(4u, countLines(read("scans.log"), "host2 - - -\n"));
+    EXPECT_EQ(4u, countLines(read("scans.log"), "host3 - - -\n"));
+    EXPECT_EQ("10\n10\n10\n", read("sleep.log"));
 }
 
 TEST_F(RescanScriptTest, ProcScsiFindsHostsAndAddsEachAddress) {
-    RescanSandbox box;
-    buildProcHosts(&box, "2 0 1 0\n2 0 1 1\n");
-    EXPECT_EQ(0, box.run());
-    std::string adds = box.read("adds.log");
+    EXPECT_EQ(0, run(std::string(kProcHosts) + "printf '2 0 1 0\\n2 0 1 1\\n' > present"));
+    std::string adds = read("adds.log");
     // Host 5 (from lpfc's status file) first: LUN 0 of each target only, as nothing answers.
     EXPECT_EQ(0u, adds.find("5 0 0 0\n5 0 1 0\n5 0 2 0\n"));
     // Host 2: LUN 0 of target 0 is listed already, so its higher LUNs are tried;
@@ -149,19 +101,16 @@ TEST_F(RescanScriptTest, ProcScsiFindsHostsAndAddsEachAddress) {
     EXPECT_NE(std::string::npos, adds.find("2 0 0 7\n2 0 1 0\n2 0 1 1\n2 0 1 2\n"));
     EXPECT_EQ(77u, countLines(adds, "\n"));
     EXPECT_EQ("Found new device: Host: scsi2 Channel: 00 Id: 01 Lun: 00\n"
-              "Found new device: Host: scsi2 Channel: 00 Id: 01 Lun: 01\n"
-              "Found 2 device(s).\n",
-              box.read("out"));
-    EXPECT_EQ("", box.read("sleep.log"));
+              "Found new device: Host: scsi2 Channel: 00 Id: 01 Lun: 01\nFound 2 device(s).\n",
+              read("out"));
+    EXPECT_EQ("", read("sleep.log"));
 }
 
 TEST_F(RescanScriptTest, ProcScsiNothingNewRunsFourPasses) {
-    RescanSandbox box;
-    buildProcHosts(&box, "");
-    EXPECT_EQ(0, box.run());
-    EXPECT_EQ(4u, countLines(box.read("out"), "Found 0 device(s).\n"));
-    EXPECT_EQ("10\n10\n10\n", box.read("sleep.log"));
-    EXPECT_EQ(4u * 70u, countLines(box.read("adds.log"), "\n"));
+    EXPECT_EQ(0, run(std::string(kProcHosts) + ": > present"));
+    EXPECT_EQ(4u, countLines(read("out"), "Found 0 device(s).\n"));
+    EXPECT_EQ("10\n10\n10\n", read("sleep.log"));
+    EXPECT_EQ(4u * 70u, countLines(read("adds.log"), "\n"));
 }
 
 }  // namespace

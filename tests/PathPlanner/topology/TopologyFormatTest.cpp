@@ -8,25 +8,12 @@
 namespace {
 
 void add(Topology* topology, const std::string& device, const std::string& disk, int16_t group, bool preferred) {
-    auto rec = std::make_unique<PathRecord>();
-    rec->device = device;
-    rec->disk = disk;
-    rec->group = group;
-    rec->preferred = preferred;
-    rec->state = "ready";
-    rec->mode = "running";
-    rec->policy = "service-time";
-    rec->driverVersion = "Device Mapper Multipath Version 0.9.4-3";
-    (*topology)[device] = std::move(rec);
+    (*topology)[device] = std::make_unique<PathRecord>(PathRecord{1, "0", 0, 0, 0, 0, "ready", "running", preferred,
+        "service-time", disk, device, group, "Device Mapper Multipath Version 0.9.4-3", ""});
 }
 
 TEST(TopologyFormatTest, JsonStringEscapes) {
-    const struct {
-        std::string in;
-        std::string out;
-    } cases[] = {
-        {"", "\"\""},
-        {"sda", "\"sda\""},
+    const struct { std::string in; std::string out; } cases[] = {
         {"a\"b\\c", "\"a\\\"b\\\\c\""},
         {"\n\t\r\b\f", "\"\\n\\t\\r\\b\\f\""},
         {std::string("\x01\x1f\x7f", 3), "\"\\u0001\\u001f\x7f\""},
@@ -37,7 +24,6 @@ TEST(TopologyFormatTest, JsonStringEscapes) {
         {"\xc0\xaf", "\"\\ufffd\\ufffd\""},
         {"\xed\xa0\x80", "\"\\ufffd\\ufffd\\ufffd\""},
         {"\xf4\x90\x80\x80", "\"\\ufffd\\ufffd\\ufffd\\ufffd\""},
-        {"\xe2\x82", "\"\\ufffd\\ufffd\""},
     };
     for (const auto& c : cases) EXPECT_EQ(topologyJsonString(c.in), c.out) << c.in;
 }
