@@ -34,7 +34,7 @@ size_t countLines(const std::string& text, const std::string& line) {
     return count;
 }
 
-// The stage lives in the build tree: /tmp is replaced inside the namespace.
+// The stage lives in the build tree; /tmp is replaced inside the namespace.
 class RescanScriptTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -51,8 +51,11 @@ protected:
     // /proc, /sys/class and /tmp. lunPass >= 0 starts the FIFO kernel, adding a LUN on that pass (0: never).
     int run(const std::string& setup, int lunPass = -1) {
         std::string kernel = lunPass < 0 ? "" : "NEW_LUN_PASS=" + std::to_string(lunPass) + " bash $F/fifo-kernel &";
-        testfiles::writeFile(stage_ + "/run.sh", "S=" + stage_ + " F=" PP_SOURCE_DIR "/tests/fakes/rescan\n"
-                             "cd $S && mkdir -p proc sysclass tmp\n" + setup + "\n"
+        // The checkout itself may live under /tmp, so the stage and its fakes are reached
+        // through /mnt once the stage's tmp has replaced /tmp.
+        testfiles::writeFile(stage_ + "/run.sh", "cd " + stage_ + " && mkdir -p proc sysclass tmp fakes\n"
+                             "cp " PP_SOURCE_DIR "/tests/fakes/rescan/* fakes/\n" + setup + "\n"
+                             "mount --bind " + stage_ + " /mnt && cd / || exit 99\nS=/mnt F=/mnt/fakes\n"
                              "mount --bind $S/proc /proc && mount --bind $S/sysclass /sys/class && "
                              "mount --bind $S/tmp /tmp || exit 99\nexport RESCAN_STAGE=$S PATH=$F:$PATH\n" + kernel +
                              "\nbash $S/rescan.sh >$S/out 2>$S/err; rc=$?; kill $! 2>/dev/null; exit $rc\n");
