@@ -66,6 +66,18 @@ TEST_F(RunFlowE2eTest, CatalogueThatCannotStartExits72) {
     EXPECT_THAT(host.listAgentDir("log"), Not(::testing::Contains(::testing::EndsWith(".jobinfo"))));
 }
 
+TEST_F(RunFlowE2eTest, TraceThatCannotStartExits30AfterTheStartMessage) {
+    NamespaceHarness host;
+    // A directory where the trace file should be: the trace cannot be opened.
+    std::filesystem::create_directory(host.agentDir() + "/log/multipath.trace");
+    RunResult r = host.run({"-debug", "MIN", "-multipath", "3;mpatha"});
+    EXPECT_EQ(30, r.exitStatus) << r.describe();
+    const std::string log = host.readAgentFile("log/multipath.log");
+    EXPECT_THAT(log, HasSubstr("AGT0429I"));
+    EXPECT_THAT(log, HasSubstr("AGT0430I"));
+    EXPECT_THAT(log, Not(HasSubstr("AGT0458I")));
+}
+
 TEST_F(RunFlowE2eTest, DebugOptionWritesTraceBesideActivityLog) {
     NamespaceHarness host;
     RunResult r = host.run({"-debug", "MAX", "-multipath", "abc"});
