@@ -151,11 +151,11 @@ uint16_t nlLogPrintf(NlMsgDesc* description, char* buffer, uint16_t avail, va_li
     return description->length;
 }
 
-int32_t nlIssue(uint16_t msgNum, uint8_t flags, ...) {
+int32_t nlIssue(uint16_t msgNum, uint32_t flags, ...) {
     char buffer[kIssueBuffer];
     NlMsgDesc desc;
     desc.number = msgNum;
-    desc.flags = flags;
+    desc.flags = static_cast<uint8_t>(flags);
     va_list args;
     va_start(args, flags);
     uint16_t length = nlLogPrintf(&desc, buffer, sizeof(buffer), args);

@@ -36,7 +36,8 @@ uint16_t nlLogPrintf(NlMsgDesc* description, char* buffer, uint16_t avail, va_li
 
 // Issues library message msgNum with its inserts; returns the text length, 0 when
 // nothing was issued.
-int32_t nlIssue(uint16_t msgNum, uint8_t flags, ...);
+// flags is a full word because va_start after a promoted type is undefined.
+int32_t nlIssue(uint16_t msgNum, uint32_t flags, ...);
 
 // The logger that receives flag-32 messages and the library's own texts with
 // their severity code. The default writes texts whose severity reaches the

@@ -556,10 +556,10 @@ int32_t nlMsgTextW(uint16_t number, std::wstring* text, va_list args) {
     return msgText<nlsWcharBuffer>(number, text, args);
 }
 
-int32_t nlGetText(std::string* text, uint16_t number, ...) {
+int32_t nlGetText(std::string* text, uint32_t number, ...) {
     va_list args;
     va_start(args, number);
-    int32_t rc = nlMsgText(number, text, args);
+    int32_t rc = nlMsgText(static_cast<uint16_t>(number), text, args);
     va_end(args);
     return rc;
 }

@@ -123,7 +123,7 @@ uint8_t nlGetSeverity(uint16_t number);
 int32_t nlMsgText(uint16_t number, std::string* text, va_list args);
 int32_t nlMsgTextW(uint16_t number, std::wstring* text, va_list args);
 // As nlMsgText, with the inserts as arguments.
-int32_t nlGetText(std::string* text, uint16_t number, ...);
+int32_t nlGetText(std::string* text, uint32_t number, ...);
 
 // One argument of a message as data.
 struct NlInsertValue {
