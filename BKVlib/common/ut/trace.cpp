@@ -283,8 +283,8 @@ int32_t beginWrapFile() {
         rc = trWrapCheck(n);
         if (rc >= 0) rc = trWrapPut(kBegunText, n);
         if (rc >= 0) rc = trWrapStoreOffset();
-        if (rc < 0) trDisableAfterWriteFailure(0, errno);
     }
+    if (rc < 0) trDisableAfterWriteFailure(0, errno);
     // A failed first write has already ended tracing; the open itself worked.
     return 0;
 }
