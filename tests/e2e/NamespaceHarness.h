@@ -50,8 +50,8 @@ public:
     // Mounts hostDir at target (such as /proc/scsi), making the mount point when needed.
     void placeTree(const std::string& target, const std::string& hostDir) { trees_.emplace_back(target, hostDir); }
     std::string makeHostDir(const std::string& name);
-    // Runs the program under faketime with this spec (such as "+0 x20").
-    void useFaketime(const std::string& spec) { faketime_ = spec; }
+    // Runs the program under faketime with this clock setting (such as "+0 x20").
+    void useFaketime(const std::string& clock) { faketime_ = clock; }
 
     // Runs an installed program (or one given by its absolute path) with args.
     RunResult run(const std::vector<std::string>& args, const std::string& program = "PathPlanner");
