@@ -121,3 +121,20 @@ TEST_F(FilelockTest, PidFileOfProcessCreatedAndRemoved) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(SendAgentStartStatusTest, OneCharacterReachesThePipeOrFailsWhenClosed) {
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    EXPECT_EQ(RC_OK, sendAgentStartStatus(ends[1], '1'));
+    EXPECT_EQ(RC_OK, sendAgentStartStatus(-1, '2'));  // no agent listening: nothing sent
+    char got[4] = "";
+    close(ends[1]);
+    EXPECT_EQ(1, read(ends[0], got, sizeof(got)));
+    EXPECT_EQ('1', got[0]);
+    close(ends[0]);
+    EXPECT_EQ(RC_WRITE_FAILED, sendAgentStartStatus(ends[1], '3'));  // descriptor already closed
+}
+
+}  // namespace
