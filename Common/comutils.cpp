@@ -195,6 +195,15 @@ std::string& psTrim(std::string& text) {
     return text;
 }
 
+std::string joinWords(const std::vector<std::string>& words) {
+    std::string text;
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (i > 0) text += ' ';
+        text += words[i];
+    }
+    return text;
+}
+
 std::string psHexText(const unsigned char* data, size_t length) {
     std::string text;
     char pair[3];

@@ -58,6 +58,8 @@ void psToLower(std::string* text);
 void psToUpper(char* text);
 void psToLower(char* text);
 std::string& psTrim(std::string& text);
+// The words joined by single blanks, in order.
+std::string joinWords(const std::vector<std::string>& words);
 std::string psHexText(const unsigned char* data, size_t length);
 
 #endif

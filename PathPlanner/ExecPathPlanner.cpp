@@ -8,6 +8,7 @@
 #include "Common/AgentMessageIds.h"
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
+#include "Common/comutils.h"
 #include "Common/unix/pssignal.h"
 #include "Multipath/MultipathDriver.h"
 #include "PathPlanner/PPlannerDriver.h"
@@ -123,15 +124,6 @@ const char* policyName(int32_t setting) {
         if (p.setting == setting) name = p.name;
     }
     return name;
-}
-
-std::string joinWords(const std::vector<std::string>& words) {
-    std::string text;
-    for (size_t i = 0; i < words.size(); ++i) {
-        if (i > 0) text += ' ';
-        text += words[i];
-    }
-    return text;
 }
 
 int32_t validateArgs(const std::vector<std::string>& options) {

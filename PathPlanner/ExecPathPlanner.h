@@ -35,8 +35,6 @@ int32_t walkTheBus(PPlannerDriver* plannerDriver);
 
 // "Load Balancing", "Round Robin", "Failover", or "Unknown" for other settings.
 const char* policyName(int32_t setting);
-// The entries joined by single blanks, in order.
-std::string joinWords(const std::vector<std::string>& words);
 
 // The whole run of the program: set-up, validation, action, job file, clean-up.
 // Returns the exit status. Lives in its own file (RunPathPlanner.cpp) because it

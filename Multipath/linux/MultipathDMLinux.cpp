@@ -8,6 +8,7 @@
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
 #include "Common/CmdExecer.h"
+#include "Common/comutils.h"
 
 namespace {
 
@@ -51,12 +52,6 @@ std::string versionFromQuery(const DmToolRun& run) {
         NA_TRACE_MIN("Error getting Multipath version: %s\n", NA_STR(run.err));
     }
     return version;
-}
-
-std::string joinWords(const std::vector<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
-    return text;
 }
 
 // Reports a dmsetup step that could not run and records the stop; the caller traces
