@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "BKVlib/common/ut/logutils.h"
 #include "Common/AgentTrace.h"
 #include "Common/unix/ScopedFd.h"
 
@@ -23,16 +24,11 @@ const char kInstallLocation[] = "/opt/ZOR/QLX";
 const char kAgentDirectory[] = "agent";
 const size_t kCopyBlock = 65536;
 
-std::string directoryOf(const std::string& path) {
-    std::string::size_type slash = path.rfind('/');
-    return slash == std::string::npos || slash == 0 ? std::string("/") : path.substr(0, slash);
-}
-
 // Creates every missing directory of path.
 bool makePath(const std::string& path) {
     struct stat st;
     if (stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
-    if (path != "/" && !makePath(directoryOf(path))) return false;
+    if (path != "/" && !makePath(utDirName(path))) return false;
     return mkdir(path.c_str(), 0755) == 0 || errno == EEXIST;
 }
 
@@ -71,8 +67,8 @@ int32_t copyFile(const std::string& fromName, const std::string& toName) {
     } else if (from[0] != '/' || to[0] != '/') {
         NA_TRACE_MIN("file does not specify a full path name: %s\n", NA_STR(from[0] != '/' ? from : to));
         rc = -1;
-    } else if (!makePath(directoryOf(to))) {
-        NA_TRACE_MIN("Unable to create path %s\n", NA_STR(directoryOf(to)));
+    } else if (!makePath(utDirName(to))) {
+        NA_TRACE_MIN("Unable to create path %s\n", NA_STR(utDirName(to)));
         rc = -1;
     }
     if (rc == RC_OK) {
