@@ -13,13 +13,14 @@
 #include "Multipath/MultipathDriver.h"
 #include "PathPlanner/PPlannerDriver.h"
 #include "PathPlanner/WalkTheBus.h"
+#include "PathPlannerVersion.h"
 
 int32_t multipathSetting = 0;
 std::vector<std::string> multipathDevices;
 std::vector<std::string> multipathWwpns;
 
 const char kPathPlannerComponent[] = "PathPlanner";
-const char kPathPlannerVersion[] = "5.2.8.0";
+const char kPathPlannerVersion[] = PP_VERSION;
 
 namespace {
 

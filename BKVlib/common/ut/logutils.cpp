@@ -14,6 +14,7 @@
 
 #include "BKVlib/common/nls/amsglog.h"
 #include "BKVlib/common/ut/trace.h"
+#include "PathPlannerVersion.h"
 
 #ifndef PP_BUILD_DATE
 #define PP_BUILD_DATE "unknown"
@@ -263,7 +264,7 @@ LogHeader utParseLogHeader(const char* line, size_t length) {
 
 std::string utFormatLogHeader(uint32_t nextWrite, uint32_t maxBytes) {
     char buf[160];
-    int n = snprintf(buf, sizeof(buf), "%s %-12lu%-10lu ZOR Quillon 5.2.8.0               %s\n\n", kHeaderTag,
+    int n = snprintf(buf, sizeof(buf), "%s %-12lu%-10lu ZOR Quillon " PP_VERSION "               %s\n\n", kHeaderTag,
                      static_cast<unsigned long>(nextWrite), static_cast<unsigned long>(maxBytes), PP_BUILD_DATE);
     return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
 }

@@ -14,6 +14,7 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "BKVlib/common/ut/logutils.h"
 #include "BKVlib/common/ut/trstate.h"
+#include "PathPlannerVersion.h"
 
 TraceState trState;
 
@@ -21,10 +22,10 @@ namespace {
 
 constexpr int kMaxAggregateDepth = 16;
 constexpr uint32_t kDefaultSegmentMB = 1000;
-constexpr const char kPlainHeader[] = "QLX Trace   ZOR Quillon 5.2.8.0  \nBuild Date: %s\nBEGINNING NEW TRACE\n\n";
+constexpr const char kPlainHeader[] = "QLX Trace   ZOR Quillon " PP_VERSION "  \nBuild Date: %s\nBEGINNING NEW TRACE\n\n";
 constexpr const char kWrapTag[] = "QLX Trace   ";
 constexpr const char kOffsetPlaceholder[] = "123456789012";
-constexpr const char kWrapHeaderRest[] = "%-10lu ZOR Quillon 5.2.8.0   Build date: %s\n";
+constexpr const char kWrapHeaderRest[] = "%-10lu ZOR Quillon " PP_VERSION "   Build date: %s\n";
 constexpr const char kBegunText[] = "BEGINNING NEW TRACE\n\n";
 constexpr long kOffsetFieldEnd = 24;
 constexpr size_t kFirstLineMax = 256;
