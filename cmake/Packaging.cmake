@@ -34,8 +34,12 @@ configure_file(${_pkg}/deb/postrm ${_out}/deb/postrm @ONLY
 # Man pages and the changelog are shipped compressed, at the highest level and
 # without a time stamp, as Debian's policy asks; man reads them either way.
 find_program(PP_GZIP gzip REQUIRED)
+# The pages name the version CMake sets, so they are configured before compressing.
 set(_compressed)
-foreach(source man/PathPlanner.8 man/PathPlannerTopology.8 ${_out}/changelog)
+foreach(page PathPlanner.8 PathPlannerTopology.8)
+  configure_file(${PROJECT_SOURCE_DIR}/man/${page} ${_out}/${page} @ONLY)
+endforeach()
+foreach(source ${_out}/PathPlanner.8 ${_out}/PathPlannerTopology.8 ${_out}/changelog)
   get_filename_component(name ${source} NAME)
   get_filename_component(input ${source} ABSOLUTE BASE_DIR ${PROJECT_SOURCE_DIR})
   add_custom_command(OUTPUT ${_out}/${name}.gz
