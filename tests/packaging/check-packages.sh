@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the .deb and .rpm, checks them (lintian; rpm's file list and requirements),
-# then installs the .deb with dpkg, runs the tool from it, removes it (the logs stay)
-# and purges it (the logs go).
+# Builds the .deb and .rpm, checks them (lintian; rpm's file list and requirements;
+# the .rpm installed and erased in a throwaway rpm root), then installs the .deb with
+# dpkg, runs the tool from it, removes it (the logs stay) and purges it (the logs go).
 #   tests/packaging/check-packages.sh [--sandbox] [CMake arguments for package.sh]
 # As root. Without --sandbox the .deb is installed on this machine (CI's case). With
 # --sandbox dpkg works in a private mount namespace on a copy of its database, with
@@ -112,6 +112,20 @@ for r in bash coreutils diffutils grep /usr/bin/awk sed rpm; do
 done
 grep -q '^libc.so.6' <<<"$requires" || fail "rpm -qpR lacks the C library"
 rpm -qp --configfiles "$rpm" | grep -qxF /etc/logrotate.d/pathplanner || fail "logrotate rule not a config file"
+rpm -K --nosignature "$rpm" >/dev/null || fail "rpm digests"
+
+# The payload unpacks and erases in a throwaway rpm root; this host's rpm database
+# knows none of the requirements, hence --nodeps. Erasing keeps the logs.
+rpmroot=$(mktemp -d)
+trap 'rm -rf "$rpmroot"' EXIT
+rpm --root "$rpmroot" --initdb
+rpm --root "$rpmroot" --nodeps -i "$rpm" 2>/dev/null
+[ -x "$rpmroot/opt/ZOR/QLX/agent/bin/PathPlanner" ] || fail "rpm -i did not unpack PathPlanner"
+echo "AGT0430I" > "$rpmroot/opt/ZOR/QLX/agent/log/multipath.log"
+rpm --root "$rpmroot" -e pathplanner 2>/dev/null
+[ ! -e "$rpmroot/opt/ZOR/QLX/agent/bin/PathPlanner" ] || fail "rpm -e left bin/PathPlanner"
+[ -s "$rpmroot/opt/ZOR/QLX/agent/log/multipath.log" ] || fail "rpm -e removed the logs"
+echo "rpm -i / -e in a throwaway root: files unpacked, logs kept on erase"
 
 if [ "$sandbox" = yes ]; then
   sandboxed_cycle
