@@ -203,6 +203,7 @@ void cleanUp(RunState* run) {
 
 int32_t runPathPlanner(int argc, const char* const* argv) {
     NA_TRACE_ENTER("main()");
+    clearFailure();  // a run explains only its own failure
     RunState run;
     createCmdArgs(argc, argv, &run);
     startMessages(&run);
