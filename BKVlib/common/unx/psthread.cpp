@@ -71,7 +71,7 @@ const char* killErrorName(int rc) {
     switch (rc) {
         case ESRCH: return "ESRCH";
         case EINVAL: return "EINVAL";
-        default: return "unknown";
+        default: return "unkown";
     }
 }
 
