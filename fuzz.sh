@@ -3,7 +3,7 @@
 #   ./fuzz.sh [seconds]    (default 60)
 set -euo pipefail
 cd "$(dirname "$0")"
-./deps.sh
+./deps.sh fuzz
 seconds=${1:-60}
 cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
       -DPP_FUZZ=ON -DPP_BUILD_BENCH=OFF >/dev/null

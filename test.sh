@@ -5,7 +5,7 @@
 #   PP_CONFIG=tsan ./test.sh   ThreadSanitizer (thread tests only) in build-tsan/
 set -euo pipefail
 cd "$(dirname "$0")"
-./deps.sh
+./deps.sh test
 config=${PP_CONFIG:-normal}
 case "$config" in
   normal) dir=build;      flags=() ;;

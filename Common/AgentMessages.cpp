@@ -1,6 +1,7 @@
 #include "Common/AgentMessages.h"
 
 #include <algorithm>
+#include <clocale>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include "BKVlib/common/nls/amsgrtrv.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
+#include "Common/FailureNote.h"
 #include "Common/LogManager.h"
 
 LogManager* activityLog = nullptr;
@@ -43,6 +45,16 @@ std::string makeMessage(int32_t msgNum, const char* msgId, va_list args) {
     return text;
 }
 
+// An error written to the log is what a person at a terminal is told when the run fails.
+void noteIfError(const char* msgId, const std::string& text) {
+    size_t idLength = msgId ? strlen(msgId) : 0;
+    if (idLength > 0 && msgId[idLength - 1] == 'E') noteFailure(text);
+}
+
+bool isDefaultLocale(const std::string& name) {
+    return name.empty() || name == "C" || name == "POSIX";
+}
+
 int32_t toLog(LogManager* log, const std::string& text) {
     if (!log || text.empty()) return RC_OK;
     return log->LogActivityLog(text.c_str());
@@ -59,6 +71,7 @@ int32_t logMsg(LogManager* log, int32_t msgNum, const char* msgId, ...) {
     va_start(args, msgId);
     std::string text = makeMessage(msgNum, msgId, args);
     va_end(args);
+    noteIfError(msgId, text);
     return toLog(log, text);
 }
 
@@ -76,6 +89,7 @@ int32_t logAndShowMsg(LogManager* log, int32_t msgNum, const char* msgId, ...) {
     va_start(args, msgId);
     std::string text = makeMessage(msgNum, msgId, args);
     va_end(args);
+    noteIfError(msgId, text);
     int32_t rc = toLog(log, text);
     toStdout(text);
     return rc;
@@ -107,6 +121,30 @@ int32_t initMessages(const std::string& msgDir, const std::string&, const std::s
     }
     NA_TRACE_EXIT("Exit: %s, rc = %d\n", "initMessages()", rc);
     return rc;
+}
+
+std::string catalogLanguage(const char* localeName, const char* lcAll, const char* lcMessages, const char* lang) {
+    std::string name = localeName ? localeName : "";
+    // A locale the host has not generated leaves "C"; the catalogue still follows
+    // what the environment asks for, in the C library's order of precedence.
+    if (isDefaultLocale(name)) {
+        name.clear();
+        for (const char* value : {lcAll, lcMessages, lang}) {
+            if (name.empty() && value) name = value;
+        }
+    }
+    name = name.substr(0, name.find_first_of(".@"));
+    return isDefaultLocale(name) ? std::string() : name;
+}
+
+std::string messageLanguageFromEnvironment() {
+    NA_TRACE_ENTER("messageLanguageFromEnvironment()");
+    // Only the message category: dates, numbers and character classes keep the "C"
+    // rules that the logs' formats and the parsers of tool output rely on.
+    const char* localeName = setlocale(LC_MESSAGES, "");
+    std::string language = catalogLanguage(localeName, getenv("LC_ALL"), getenv("LC_MESSAGES"), getenv("LANG"));
+    NA_TRACE_EXIT("Exit: %s, language = %s\n", "messageLanguageFromEnvironment()", NA_STR(language));
+    return language;
 }
 
 void endMessages() {

@@ -17,7 +17,8 @@ extern LogManager* activityLog;
 // Inserts follow the catalogue message's own conversions: string inserts as
 // const char* (pass them through NA_STR so they are guarded), numbers as int.
 // Each returns as documented: logMsg and logAndShowMsg the LogActivityLog code
-// (0 when nothing was written), msgOut 0.
+// (0 when nothing was written), msgOut 0. logMsg and logAndShowMsg note an error
+// message (key ending in "E") for the run's failure line (Common/FailureNote.h).
 int32_t logMsg(LogManager* log, int32_t msgNum, const char* msgId, ...);
 int32_t msgOut(LogManager* log, int32_t msgNum, const char* msgId, ...);
 int32_t logAndShowMsg(LogManager* log, int32_t msgNum, const char* msgId, ...);
@@ -30,6 +31,14 @@ std::string getMsg(int32_t msgNum, const char* msgId, ...);
 // Returns 0, or 1 after releasing what was set up.
 int32_t initMessages(const std::string& msgDir, const std::string& reserved,
                      const std::string& catalogName, const std::string& language);
+// The catalogue language the environment asks for ("de_DE" for LANG=de_DE.UTF-8), or
+// empty for the default (English). localeName is what setlocale made of the message
+// category; the three variables are read, first set first, only when it stayed "C"
+// (the named locale is not installed). Codeset and modifier are dropped.
+std::string catalogLanguage(const char* localeName, const char* lcAll, const char* lcMessages, const char* lang);
+// Sets the locale's message category, and only that, from the environment and returns
+// catalogLanguage for it.
+std::string messageLanguageFromEnvironment();
 // Releases the message repository.
 void endMessages();
 // The message repository's status: 1 started, 0 not.

@@ -8,6 +8,7 @@
 #include "Common/AgentMessageIds.h"
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
+#include "Common/FailureNote.h"
 #include "Common/comutils.h"
 #include "Common/unix/pssignal.h"
 #include "Multipath/MultipathDriver.h"
@@ -49,6 +50,7 @@ int32_t storeStateRequest(const std::vector<std::string>& options) {
     } else {
         rc = RC_MISSING_VALUE;
         NA_TRACE_MIN("Multipath arguments are incomplete, lundev or its paths are missing.\n");
+        noteFailure("a state change needs a device and at least one WWPN");
     }
     // Traced even for an incomplete request, so the trace shows what was attempted.
     NA_TRACE_MID("Multipath State Change Action\n");
@@ -62,6 +64,7 @@ int32_t storePolicyRequest(const std::vector<std::string>& options) {
     } else {
         rc = RC_MISSING_VALUE;
         NA_TRACE_MIN("Multipath arguments are incomplete, lundevs are missing.\n");
+        noteFailure("a policy change needs at least one device");
     }
     NA_TRACE_MID("Multipath Policy Change Action\n");
     return rc;
@@ -95,6 +98,7 @@ int32_t storeRequest(const std::vector<std::string>& options) {
         rc = kind->store(options);
     } else {
         NA_TRACE_MIN("Unknown multipathSetting: %d\n", multipathSetting);
+        noteFailure("the setting given is " + std::to_string(multipathSetting));
     }
     return rc;
 }

@@ -13,12 +13,14 @@
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
 #include "Common/CmdArgs.h"
+#include "Common/FailureNote.h"
 #include "Common/JobFile.h"
 #include "Common/LogManager.h"
 #include "Common/comutils.h"
 #include "Common/unix/pssignal.h"
 #include "Multipath/MultipathDriver.h"
 #include "PathPlanner/ExecPathPlanner.h"
+#include "PathPlanner/ExitLine.h"
 #include "PathPlanner/PPlannerDriver.h"
 
 namespace {
@@ -37,6 +39,7 @@ struct RunState {
     std::string logPath;
     bool catalogStarted = false;
     bool traceStarted = false;
+    bool afterRescan = false;  // rc is the result of a bus rescan
 };
 
 void createCmdArgs(int argc, const char* const* argv, RunState* run) {
@@ -56,7 +59,8 @@ void startMessages(RunState* run) {
     } else {
         const std::string nlsDir = run->installDir + "/" + kNlsDirName;
         run->logPath = run->installDir + "/" + kLogDirName + "/" + kActivityLogName;
-        if (initMessages(nlsDir, run->logPath, getMessageCatalogName(), std::string()) == RC_OK) {
+        const std::string language = messageLanguageFromEnvironment();
+        if (initMessages(nlsDir, run->logPath, getMessageCatalogName(), language) == RC_OK) {
             run->catalogStarted = true;
         } else {
             run->rc = RC_CATALOG_FAILED;
@@ -67,6 +71,7 @@ void startMessages(RunState* run) {
 void parseCommandLine(RunState* run) {
     if (run->rc == RC_OK) {
         run->rc = run->args->parse();
+        if (run->rc != RC_OK) noteFailure(run->args->errorText);
         if (!run->args->logFileName.empty()) run->logPath = run->args->logFileName;
     }
 }
@@ -165,6 +170,7 @@ void runJob(RunState* run) {
     std::unique_ptr<PPlannerDriver> plannerDriver =
         getPlannerDriver(kDriverLabelPrefix + args.jobName, run->installDir);
     run->rc = runAction(plannerDriver.get());
+    run->afterRescan = multipathSetting == kSettingWalkTheBus;
     args.jobEndTime = time(nullptr);
     finishJobFile(jobFile, run->rc);
 }
@@ -197,6 +203,7 @@ void cleanUp(RunState* run) {
 
 int32_t runPathPlanner(int argc, const char* const* argv) {
     NA_TRACE_ENTER("main()");
+    clearFailure();  // a run explains only its own failure
     RunState run;
     createCmdArgs(argc, argv, &run);
     startMessages(&run);
@@ -206,6 +213,7 @@ int32_t runPathPlanner(int argc, const char* const* argv) {
     installSignalHandlers();
     runRequest(&run);
     logMsg(activityLog, AGT0430I, kPathPlannerComponent, static_cast<int>(run.rc));
+    showExitLine(run.rc, run.afterRescan);
     cleanUp(&run);
     NA_TRACE_EXIT("Exit: %s, rc = %d\n", "main()", run.rc);
     return run.rc;

@@ -11,6 +11,7 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
 #include "Common/CmdExecer.h"
+#include "Common/FailureNote.h"
 #include "Common/unix/ScopedFd.h"
 
 namespace {
@@ -81,6 +82,9 @@ int32_t WalkTheBusLinux::runScript() {
         }
     } else {
         NA_TRACE_MIN("%s Rescan output: %s\n", "walkTheBus()", NA_STR(exec.sysOut));
+        // The script explains a refusal on its standard output ("Error: SCSI subsystem
+        // not active"); anything else that stops it speaks on standard error.
+        noteFailure(exec.sysOut.empty() ? exec.sysErr : exec.sysOut);
     }
     return rc;
 }

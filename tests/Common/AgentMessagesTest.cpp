@@ -74,6 +74,31 @@ TEST_F(AgentMessagesTest, StartFailsWithoutCatalogues) {
     EXPECT_EQ("", getMsg(AGT0456E));
 }
 
+TEST(CatalogLanguageTest, EnvironmentNamesTheLanguageWhenTheLocaleIsMissing) {
+    const struct {
+        const char* locale;  // what setlocale made of the message category (null: failed)
+        const char *lcAll, *lcMessages, *lang;
+        const char* language;
+    } cases[] = {
+        {"de_DE.UTF-8", nullptr, nullptr, "de_DE.UTF-8", "de_DE"},
+        {nullptr, nullptr, nullptr, "de_DE.UTF-8", "de_DE"},  // locale not generated
+        {"C", nullptr, nullptr, "de_DE.UTF-8", "de_DE"},
+        {"C", "C", nullptr, "de_DE.UTF-8", ""},               // LC_ALL wins, even as C
+        {"C", "", "de_DE@euro", "en_US.UTF-8", "de_DE"},      // empty counts as unset
+        {"C", nullptr, "POSIX", "de_DE.UTF-8", ""},
+        {"C.UTF-8", nullptr, nullptr, "C.UTF-8", ""},
+        {"POSIX", nullptr, nullptr, nullptr, ""},
+        {nullptr, nullptr, nullptr, nullptr, ""},
+        {"fr_FR.ISO-8859-1", nullptr, nullptr, "de_DE", "fr_FR"},
+        {"C", nullptr, nullptr, "de", "de"},  // the repository derives de_DE itself
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.language, catalogLanguage(c.locale, c.lcAll, c.lcMessages, c.lang))
+            << (c.locale ? c.locale : "(null)") << " " << (c.lcAll ? c.lcAll : "-") << " "
+            << (c.lcMessages ? c.lcMessages : "-") << " " << (c.lang ? c.lang : "-");
+    }
+}
+
 TEST(CuNextWordTest, LengthIsEndIndex) {
     // The word takes as many characters as the index it ends at, so a later word runs on past its end.
     const struct { const char* line; int32_t pos; const char* word; int32_t newPos; } cases[] = {

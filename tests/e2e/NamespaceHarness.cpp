@@ -107,6 +107,11 @@ std::string NamespaceHarness::script(const std::string& program, const std::vect
     for (const auto& [target, dir] : trees_) {
         s += "ensure_dir " + quote(target) + "\nmount --bind " + quote(dir) + " " + quote(target) + "\n";
     }
+    for (const std::string& target : hiddenPaths_) {
+        const std::string parent = target.substr(0, target.rfind('/'));
+        s += "case $shadowed in *\":" + parent + ":\"*) ;; *) shadow " + quote(parent) + " ;; esac\nrm -f " +
+             quote(target) + "\n";
+    }
     // /sbin comes last: the set-up itself needs no /sbin tool after this point.
     if (!fakes_.empty() || !hidden_.empty()) {
         s += "S=$(readlink -f /sbin)\ncase $shadowed in *\":$S:\"*) ;; *) shadow \"$S\" ;; esac\n";
@@ -116,11 +121,15 @@ std::string NamespaceHarness::script(const std::string& program, const std::vect
     const std::string bin = emptyInstall_ ? kPrefixAgent + "/bin/" : "/opt/ZOR/QLX/agent/bin/";
     // faketime's preload comes before the sanitizer runtime of an ASan build.
     s += "cd /\nset +e\nexport ASAN_OPTIONS=verify_asan_link_order=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}\n";
-    s += "PATH=\"$W/fakes:$PATH\" timeout -s KILL 240";
-    if (!faketime_.empty()) s += " faketime -f " + quote(faketime_);
-    s += " \"$W/launch\" " + quote(program[0] == '/' ? program : bin + program);
-    for (const std::string& arg : args) s += " " + quote(arg);
-    return s + " </dev/null >\"$W/out\" 2>\"$W/err\"\necho $? >\"$W/status\"\n";
+    std::string command = "PATH=\"$W/fakes:$PATH\" env -u LC_ALL -u LC_MESSAGES -u LANG";
+    for (const auto& [name, value] : env_) command += " " + quote(name + "=" + value);
+    command += " timeout -s KILL 240";
+    if (!faketime_.empty()) command += " faketime -f " + quote(faketime_);
+    command += " \"$W/launch\" " + quote(program[0] == '/' ? program : bin + program);
+    for (const std::string& arg : args) command += " " + quote(arg);
+    // script gives the program a terminal and passes its exit status on (-e).
+    if (terminal_) command = "export W\nscript -qec " + quote(command) + " /dev/null";
+    return s + command + " </dev/null >\"$W/out\" 2>\"$W/err\"\necho $? >\"$W/status\"\n";
 }
 
 RunResult NamespaceHarness::run(const std::vector<std::string>& args, const std::string& program) {

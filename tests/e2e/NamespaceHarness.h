@@ -50,8 +50,17 @@ public:
     // Mounts hostDir at target (such as /proc/scsi), making the mount point when needed.
     void placeTree(const std::string& target, const std::string& hostDir) { trees_.emplace_back(target, hostDir); }
     std::string makeHostDir(const std::string& name);
+    // Makes an existing path (such as /proc/scsi) absent in the namespace.
+    void hidePath(const std::string& target) { hiddenPaths_.push_back(target); }
     // Runs the program under faketime with this clock setting (such as "+0 x20").
     void useFaketime(const std::string& clock) { faketime_ = clock; }
+    // Sets a variable for the program. LC_ALL, LC_MESSAGES and LANG are otherwise unset,
+    // so messages are English whatever the test's own environment says.
+    void setEnv(const std::string& name, const std::string& value) { env_.emplace_back(name, value); }
+    // Runs the program on a pseudo-terminal (standard output and error both), as a
+    // person at a shell does; RunResult::out then holds everything it wrote, with the
+    // terminal's "\r\n" line ends, and err is empty.
+    void useTerminal() { terminal_ = true; }
 
     // Runs an installed program (or one given by its absolute path) with args.
     RunResult run(const std::vector<std::string>& args, const std::string& program = "PathPlanner");
@@ -69,7 +78,10 @@ private:
     std::vector<std::string> fakes_;
     std::vector<std::string> hidden_;
     std::vector<std::pair<std::string, std::string>> trees_;  // target, host dir
+    std::vector<std::string> hiddenPaths_;
+    std::vector<std::pair<std::string, std::string>> env_;  // name, value
     std::string faketime_;
+    bool terminal_ = false;
 };
 
 // Fixture base of the end-to-end tests: skips (never fails) where the namespace is refused.

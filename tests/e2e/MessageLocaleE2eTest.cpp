@@ -1,0 +1,54 @@
+// The activity log's language follows LC_ALL, LC_MESSAGES and LANG, whether or not the
+// host has generated the named locale; its dates keep their one format.
+#include <regex>
+
+#include "gmock/gmock.h"
+#include "tests/e2e/NamespaceHarness.h"
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+class MessageLocaleE2eTest : public E2eTest {};
+
+TEST_F(MessageLocaleE2eTest, LogLanguageFollowsTheEnvironmentInPrecedenceOrder) {
+    const char* const kGerman = "AGT0430I PathPlanner wurde mit dem Rückgabecode 5 beendet.";
+    const char* const kEnglish = "AGT0430I PathPlanner finished with return code 5.";
+    const struct {
+        std::vector<std::pair<std::string, std::string>> env;
+        bool german;
+    } cases[] = {
+        {{}, false},
+        {{{"LANG", "de_DE.UTF-8"}}, true},
+        {{{"LANG", "de_DE"}}, true},
+        {{{"LC_MESSAGES", "de_DE.UTF-8"}, {"LANG", "en_US.UTF-8"}}, true},
+        {{{"LC_ALL", "C"}, {"LANG", "de_DE.UTF-8"}}, false},
+        {{{"LC_ALL", "de_DE.UTF-8@euro"}, {"LC_MESSAGES", "C"}}, true},
+        {{{"LC_ALL", ""}, {"LANG", "de_DE.UTF-8"}}, true},  // set but empty counts as unset
+        {{{"LANG", "fr_FR.UTF-8"}}, false},                   // no French catalogue: English
+    };
+    for (const auto& c : cases) {
+        const std::string input = ::testing::PrintToString(c.env);
+        NamespaceHarness host;
+        for (const auto& [name, value] : c.env) host.setEnv(name, value);
+        RunResult r = host.run({"-multipath", "9"});
+        EXPECT_EQ(5, r.exitStatus) << input << ": " << r.describe();
+        const std::string log = host.readAgentFile("log/multipath.log");
+        if (c.german) {
+            EXPECT_THAT(log, HasSubstr("Mit der Befehlszeile /opt/ZOR/QLX/agent/bin/PathPlanner -multipath 9 wurde "
+                                       "PathPlanner gestartet."))
+                << input << log;
+            EXPECT_THAT(log, HasSubstr(kGerman)) << input;
+        } else {
+            EXPECT_THAT(log, HasSubstr(kEnglish)) << input << log;
+        }
+        // Only the messages change: every line still starts with the same date and time.
+        const std::regex stamped(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)");
+        for (const std::string& line : testfiles::splitLines(log)) {
+            EXPECT_TRUE(std::regex_search(line, stamped)) << input << ": " << line;
+        }
+    }
+}
+
+}  // namespace
