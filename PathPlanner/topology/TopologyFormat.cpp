@@ -195,7 +195,7 @@ std::string mapViewToJson(const std::vector<DmViewMap>& maps, const std::string&
 
 std::string switchResultToJson(const PathSwitchResult& result) {
     std::string out = "{";
-    if (result.dryRun) out += "\"dryRun\":true,";
+    if (result.dryRun) out += "\"dryRun\":true";
     const std::pair<const char*, const std::vector<PathOutcome>*> lists[] = {
         {"changed", &result.changed}, {"unchanged", &result.unchanged},
         {"refused", &result.refused}, {"failed", &result.failed}};
