@@ -12,7 +12,7 @@ package=("${build[@]}" rpm dpkg-dev)
 # man-db and mandoc check the man pages, lintian the .deb, logrotate the rule's syntax,
 # python3 the JSON the topology command prints; the harness needs procps, unshare
 # (util-linux) and script (bsdutils) for a terminal.
-test=("${package[@]}" libgtest-dev libgmock-dev libbenchmark-dev faketime python3 procps util-linux bsdutils
+test=("${package[@]}" libgtest-dev libgmock-dev libbenchmark-dev faketime python3 python3-jsonschema procps util-linux bsdutils
       lintian mandoc man-db logrotate bash-completion)
 fuzz=("${test[@]}" clang libclang-rt-14-dev)
 case "${1:-}" in

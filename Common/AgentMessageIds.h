@@ -19,5 +19,9 @@
 #define AGT0459I 2371, "AGT0459I"  // rescan starts
 #define AGT0463I 2374, "AGT0463I"  // DM driver installed but not loaded
 #define AGT0464I 2375, "AGT0464I"  // multipath.conf missing
+#define AGT0470I 2380, "AGT0470I"  // path offline: user, device, map, adapter WWPN
+#define AGT0471I 2381, "AGT0471I"  // path online: user, device, map, adapter WWPN
+#define AGT0472E 2382, "AGT0472E"  // path change failed: user, device, map, "offline"/"online", reason
+#define AGT0473W 2383, "AGT0473W"  // offline refused: adapter WWPN, map names
 
 #endif

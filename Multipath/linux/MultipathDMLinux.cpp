@@ -15,6 +15,12 @@ namespace {
 constexpr char kNotInstalledMarker[] = "multipath-tools is not installed";
 constexpr char kMultipathTool[] = "multipath";
 constexpr char kDmsetupTool[] = "dmsetup";
+constexpr char kMultipathdTool[] = "multipathd";
+constexpr char kFailKeyword[] = "fail";
+constexpr char kReinstateKeyword[] = "reinstate";
+constexpr char kPathKeyword[] = "path";
+// Older daemons answer a rejected command with this word and exit status 0.
+constexpr char kMultipathdRefusal[] = "fail";
 constexpr char kListKeyword[] = "ls";
 constexpr char kTableKeyword[] = "table";
 constexpr char kMessageKeyword[] = "message";
@@ -61,6 +67,7 @@ bool ranOrStop(const DmToolRun& run, DmQueueingSwitchResult* result) {
     logMsg(activityLog, STA0356E, NA_STR(run.command));
     result->stopped = true;
     result->failedCommand = run.command;
+    result->failedErr = run.err;
     return false;
 }
 
@@ -222,6 +229,15 @@ bool MultipathDMLinux::listMaps(std::vector<std::string>* names, DmQueueingSwitc
         NA_TRACE_MIN("No stdOut from 'dmsetup ls' command!\n");
     } else if (!ran) {
         NA_TRACE_MIN("Unable to get the mpaths using ls command.\n");
+    } else if (run.rc != RC_OK) {
+        // Without the list no map can be judged; "no maps" would be a false all-clear.
+        logMsg(activityLog, STA0523E, NA_STR(run.command));
+        NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(failedCommandText(run)));
+        result->stopped = true;
+        result->failedCommand = run.command;
+        result->failedErr = run.err;
+        result->failedRan = true;
+        ran = false;
     } else {
         *names = dmMapNames(run.out);
     }
@@ -253,4 +269,37 @@ bool MultipathDMLinux::switchMap(const std::string& name, DmQueueingSwitchResult
         }
     }
     return ran;
+}
+
+void MultipathDMLinux::getMapView(std::vector<DmViewMap>* maps, DmListingResult* result) {
+    NA_TRACE_ENTER("MultipathDMLinux::getMapView()");
+    DmToolRun run = runTool({toolDir_ + kMultipathTool, "-ll", "-v2"});
+    result->command = run.command;
+    result->exitCode = run.rc;
+    result->sysErr = run.err;
+    result->status = run.created ? dmClassifyListing(run.rc, run.out) : DmListingStatus::kNotRun;
+    reportListing(*result);
+    if (result->status == DmListingStatus::kParsed) *maps = dmParseMapView(run.out);
+    NA_TRACE_EXIT("Exit: %s, maps = %d\n", "MultipathDMLinux::getMapView()", static_cast<int>(maps->size()));
+}
+
+int32_t MultipathDMLinux::changePathState(const std::string& device, bool fail, DmToolRun* run) {
+    NA_TRACE_ENTER("MultipathDMLinux::changePathState()");
+    int32_t rc = RC_OK;
+    if (!dmSafeName(device)) {
+        NA_TRACE_MIN("Device name %s refused: not a plain device name.\n", NA_STR(device));
+        rc = RC_BAD_ARGS;
+    } else {
+        *run = runTool({toolDir_ + kMultipathdTool, fail ? kFailKeyword : kReinstateKeyword, kPathKeyword, device});
+        if (!run->created || run->rc == RC_NOT_RUN) {
+            logMsg(activityLog, STA0356E, NA_STR(run->command));
+            rc = RC_DRIVER_CMD_FAILED;
+        } else if (run->rc != RC_OK || firstLine(run->out) == kMultipathdRefusal) {
+            logMsg(activityLog, STA0523E, NA_STR(run->command));
+            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(failedCommandText(*run)));
+            rc = RC_DRIVER_CMD_FAILED;
+        }
+    }
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "MultipathDMLinux::changePathState()", rc);
+    return rc;
 }

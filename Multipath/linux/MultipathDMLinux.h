@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Multipath/MultipathDriver.h"
+#include "Multipath/linux/DMMapView.h"
 #include "Multipath/linux/DMTopologyParser.h"
 
 // Where "multipath" and "dmsetup" live unless a caller says otherwise.
@@ -36,8 +37,11 @@ struct DmQueueingSwitchResult {
     std::vector<std::string> switched;     // queued I/O; the fail_if_no_path message was taken
     std::vector<std::string> refused;      // queued I/O; dmsetup ran but rejected the message
     std::vector<std::string> notQueueing;  // left alone
-    bool stopped = false;                  // a command could not be run; later maps not examined
+    bool stopped = false;                  // a command could not be run or "dmsetup ls" failed;
+                                           // later maps not examined
     std::string failedCommand;             // that command
+    std::string failedErr;                 // what it said on standard error
+    bool failedRan = false;                // it ran and exited non-zero
 };
 
 class MultipathDMLinux : public MultipathDriver {
@@ -68,6 +72,13 @@ public:
     // stops at the first command that cannot be run (a command that runs and fails
     // counts as done). Returns RC_OK; *result, when given, says what was done.
     int32_t setFailIfNoPath(DmQueueingSwitchResult* result = nullptr);
+    // Reads the nested view of "multipath -ll -v2" into *maps (left empty unless
+    // result->status is kParsed); the driver's version must be known first.
+    void getMapView(std::vector<DmViewMap>* maps, DmListingResult* result);
+    // Runs "multipathd fail path DEVICE" (fail) or "multipathd reinstate path DEVICE".
+    // RC_OK, RC_BAD_ARGS (device not a safe name; nothing run) or RC_DRIVER_CMD_FAILED
+    // (could not run or failed); *run receives the command's result.
+    int32_t changePathState(const std::string& device, bool fail, DmToolRun* run);
 
 protected:
     // Every command of the driver goes through here, so a test can make one fail.

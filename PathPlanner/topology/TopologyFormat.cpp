@@ -2,7 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 #include <vector>
+
+#include "Common/AgentMessageIds.h"
+#include "Common/AgentMessages.h"
+#include "Common/AgentTrace.h"
 
 namespace {
 
@@ -67,6 +72,78 @@ std::string recordToJson(const PathRecord& r) {
     return out + "}";
 }
 
+// Known warnings the tools print on every run on some hosts; they never explain a failure.
+constexpr const char* kNoise[] = {"can't set open fds limit", "open fds limit"};
+
+bool isNoise(const std::string& line) {
+    for (const char* noise : kNoise) {
+        if (line.find(noise) != std::string::npos) return true;
+    }
+    return false;
+}
+
+std::string messageText(const std::string& catalogued, const std::string& fallback) {
+    return catalogued.empty() ? fallback : catalogued;
+}
+
+std::string alignedTable(const std::vector<std::vector<std::string>>& rows);
+
+void addOptional(std::string* out, const char* key, const std::optional<std::string>& value) {
+    addField(out, key, value ? topologyJsonString(*value) : "null", false);
+}
+
+std::string pathToJson(const DmViewPath& p) {
+    std::string out = "{";
+    addField(&out, "device", p.device, true);
+    addField(&out, "devt", p.devt, true);
+    addField(&out, "host", std::to_string(p.host), false);
+    addField(&out, "channel", std::to_string(p.channel), false);
+    addField(&out, "target", std::to_string(p.target), false);
+    addField(&out, "lun", std::to_string(p.lun), false);
+    addOptional(&out, "dmState", p.dmState);
+    addOptional(&out, "checkerState", p.checkerState);
+    addOptional(&out, "deviceState", p.deviceState);
+    addOptional(&out, "adapterWwpn", p.adapterWwpn);
+    return out + "}";
+}
+
+std::string groupToJson(const DmViewGroup& g) {
+    std::string out = "{";
+    addField(&out, "number", std::to_string(g.number), false);
+    addOptional(&out, "policy", g.policy);
+    addField(&out, "priority", g.priority ? std::to_string(*g.priority) : "null", false);
+    addOptional(&out, "status", g.status);
+    addField(&out, "preferred", g.preferred ? "true" : "false", false);
+    out += ",\"paths\":[";
+    for (const DmViewPath& p : g.paths) out += (out.back() == '[' ? "" : ",") + pathToJson(p);
+    return out + "]}";
+}
+
+std::string mapToJson(const DmViewMap& m) {
+    std::string out = "{";
+    addField(&out, "name", m.name, true);
+    addOptional(&out, "wwid", m.wwid);
+    addOptional(&out, "dm", m.dm);
+    addOptional(&out, "vendor", m.vendor);
+    addOptional(&out, "product", m.product);
+    addOptional(&out, "size", m.size);
+    addOptional(&out, "features", m.features);
+    addField(&out, "queueing", m.queueing ? (*m.queueing ? "true" : "false") : "null", false);
+    addOptional(&out, "hwhandler", m.hwhandler);
+    out += ",\"groups\":[";
+    for (const DmViewGroup& g : m.groups) out += (out.back() == '[' ? "" : ",") + groupToJson(g);
+    return out + "]}";
+}
+
+std::string outcomeToJson(const PathOutcome& o) {
+    std::string out = "{";
+    addField(&out, "map", o.map, true);
+    if (!o.device.empty()) addField(&out, "device", o.device, true);
+    if (!o.dmState.empty()) addField(&out, "dmState", o.dmState, true);
+    if (!o.reason.empty()) addField(&out, "reason", o.reason, true);
+    return out + "}";
+}
+
 std::vector<std::string> tableRow(const PathRecord& r) {
     std::string hctl = std::to_string(r.host) + ":" + std::to_string(r.channel) + ":" + std::to_string(r.target) + ":" +
                        std::to_string(r.lun);
@@ -104,6 +181,77 @@ std::string topologyToJson(const Topology& topology) {
 std::string topologyToTable(const Topology& topology) {
     std::vector<std::vector<std::string>> rows = {{"DEVICE", "H:C:T:L", "DISK", "GROUP", "POLICY", "MODE", "STATE", "PREFERRED"}};
     for (const auto& entry : topology) rows.push_back(tableRow(*entry.second));
+    return alignedTable(rows);
+}
+
+std::string mapViewToJson(const std::vector<DmViewMap>& maps, const std::string& driverText) {
+    std::string out = "{\"version\":2,\"driver\":" + topologyJsonString(driverText) + ",\"maps\":[";
+    for (const DmViewMap& map : maps) {
+        out += out.back() == '[' ? "\n" : ",\n";
+        out += mapToJson(map);
+    }
+    return out + (maps.empty() ? "]}\n" : "\n]}\n");
+}
+
+std::string switchResultToJson(const PathSwitchResult& result) {
+    std::string out = "{";
+    if (result.dryRun) out += "\"dryRun\":true";
+    const std::pair<const char*, const std::vector<PathOutcome>*> lists[] = {
+        {"changed", &result.changed}, {"unchanged", &result.unchanged},
+        {"refused", &result.refused}, {"failed", &result.failed}};
+    for (const auto& list : lists) {
+        out += std::string(out.back() == '{' ? "" : ",") + "\"" + list.first + "\":[";
+        for (const PathOutcome& one : *list.second) out += (out.back() == '[' ? "" : ",") + outcomeToJson(one);
+        out += "]";
+    }
+    return out + "}\n";
+}
+
+std::string switchResultToTable(const PathSwitchResult& result) {
+    std::vector<std::vector<std::string>> rows = {{"MAP", "DEVICE", "RESULT", "DM-STATE", "REASON"}};
+    const std::pair<const char*, const std::vector<PathOutcome>*> lists[] = {
+        {result.dryRun ? "would-change" : "changed", &result.changed}, {"unchanged", &result.unchanged},
+        {"refused", &result.refused}, {"failed", &result.failed}};
+    for (const auto& list : lists) {
+        for (const PathOutcome& one : *list.second) {
+            rows.push_back({one.map, one.device.empty() ? "-" : one.device, list.first,
+                            one.dmState.empty() ? "-" : one.dmState, one.reason});
+        }
+    }
+    return alignedTable(rows);
+}
+
+std::string topologyExplainingLine(const std::string& text) {
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        std::string line = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        start = end == std::string::npos ? text.size() : end + 1;
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.find_first_not_of(" \t") != std::string::npos && !isNoise(line)) return line;
+    }
+    return std::string();
+}
+
+std::string topologyListingError(const DmListingResult& result) {
+    std::string command = result.command.substr(0, result.command.find(" >>"));
+    std::string explained = topologyExplainingLine(result.sysErr);
+    std::string said = explained.empty() ? "" : " (" + explained + ")";
+    switch (result.status) {
+        case DmListingStatus::kNotRun:
+            return messageText(getMsg(STA0356E, NA_STR(command)), "the command " + command + " could not be run");
+        case DmListingStatus::kNotLoaded:
+            return messageText(getMsg(AGT0463I), "the device-mapper multipath driver is not loaded");
+        case DmListingStatus::kNoConfigFile:
+            return messageText(getMsg(AGT0464I), "multipath.conf does not exist");
+        default:
+            return messageText(getMsg(STA0523E, NA_STR(command)), "the command " + command + " failed") + said;
+    }
+}
+
+namespace {
+
+std::string alignedTable(const std::vector<std::vector<std::string>>& rows) {
     std::vector<size_t> widths(rows[0].size(), 0);
     for (const auto& row : rows) {
         for (size_t col = 0; col < row.size(); ++col) widths[col] = std::max(widths[col], row[col].size());
@@ -118,3 +266,5 @@ std::string topologyToTable(const Topology& topology) {
     }
     return out;
 }
+
+}  // namespace

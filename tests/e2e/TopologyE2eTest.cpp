@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "gmock/gmock.h"
+#include "tests/e2e/JsonCheck.h"
 #include "tests/e2e/NamespaceHarness.h"
 
 using ::testing::ContainsRegex;
@@ -49,10 +50,10 @@ protected:
     NamespaceHarness host;
 };
 
-TEST_F(TopologyE2eTest, JsonListsEveryPathInDeviceOrder) {
+TEST_F(TopologyE2eTest, RecordsListEveryPathInDeviceOrder) {
     installDriver();
     const std::string trace = "/opt/ZOR/QLX/agent/log/topology.trace";
-    for (const Lines& args : {Lines{}, Lines{"--json", "--trace", trace}, Lines{"--table", "--json"}}) {
+    for (const Lines& args : {Lines{"--records"}, Lines{"--records", "--trace", trace}, Lines{"--table", "--records"}}) {
         RunResult r = run(args);
         ASSERT_EQ(r.exitStatus, 0) << r.describe();
         EXPECT_EQ(r.err, "");
@@ -83,23 +84,82 @@ TEST_F(TopologyE2eTest, TableAlignsEveryPath) {
               "sdd     1:0:0:1  mpathb  2      service-time  running  ready  no\n");
 }
 
-TEST_F(TopologyE2eTest, NoMapsIsAnEmptyArray) {
+TEST_F(TopologyE2eTest, NoMapsIsAnEmptyList) {
     installDriver("");
-    RunResult r = run({});
+    RunResult r = run({"--records"});
     EXPECT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(r.out, "[]\n");
+    r = run({});
+    EXPECT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(r.out, "{\"version\":2,\"driver\":\"Device Mapper Multipath Version 0.9.4-3\",\"maps\":[]}\n");
 }
 
 TEST_F(TopologyE2eTest, HostileListingStillGivesValidJson) {
     installDriver("m\"x\\ (0123456789abcdef)\r\n`-+- policy='se\x01rv 0' prio=7 status=active\n"
                   "  |- 0:0:0:0 sd\"a\\\xff 8:0 active ready running\n  `- 1a:0:0:0 sd\xc3\xa9 8:0 failed\n"
                   "  `- 0:0:0:0 sdz\n\xde\xad\xbe\xef garbage |- : #\n");
-    RunResult r = run({});
+    RunResult r = run({"--records"});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(jsonArrayLength(r.out), 2) << r.out;
     EXPECT_THAT(r.out, HasSubstr("\"disk\":\"m\\\"x\\\\\""));
     EXPECT_THAT(r.out, HasSubstr("\"device\":\"sd\\\"a\\\\\\ufffd\""));
     EXPECT_THAT(r.out, HasSubstr("\"host\":26,"));
+    r = run({});
+    ASSERT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(schemaProblem(r.out), "") << r.out;
+    EXPECT_THAT(r.out, HasSubstr("\"name\":\"m\\\"x\\\\\""));
+}
+
+// Ports of hosts 0 and 1 as sysfs shows them; host 7 has a port but no paths.
+std::string fcHostTree(NamespaceHarness* host) {
+    const std::string fc = host->makeHostDir("fc_host");
+    const std::pair<const char*, const char*> ports[] = {
+        {"host0", "0x21000024ff00aa00"}, {"host1", "0x21000024FF00AA01"}, {"host7", "0x21000024ff00aa07"}};
+    for (const auto& port : ports) testfiles::writeFile(host->makeHostDir(std::string("fc_host/") + port.first) +
+                                                            "/port_name", std::string(port.second) + "\n");
+    return fc;
+}
+
+TEST_F(TopologyE2eTest, JsonNestsMapsGroupsAndPathsWithAdapterPorts) {
+    installDriver();
+    host.placeTree("/sys/class/fc_host", fcHostTree(&host));
+    RunResult r = run({"--json"});
+    ASSERT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(schemaProblem(r.out), "") << r.out;
+    Lines out = splitLines(r.out);
+    ASSERT_EQ(out.size(), 4u) << r.out;
+    EXPECT_EQ(out[1],
+              "{\"name\":\"mpatha\",\"wwid\":\"333333330000007d0\",\"dm\":\"dm-0\",\"vendor\":\"Linux\","
+              "\"product\":\"scsi_debug\",\"size\":\"16M\",\"features\":\"0\",\"queueing\":false,"
+              "\"hwhandler\":\"1 alua\",\"groups\":[{\"number\":1,\"policy\":\"service-time 0\",\"priority\":50,"
+              "\"status\":\"active\",\"preferred\":true,\"paths\":[{\"device\":\"sda\",\"devt\":\"8:0\",\"host\":0,"
+              "\"channel\":0,\"target\":0,\"lun\":0,\"dmState\":\"active\",\"checkerState\":\"ready\","
+              "\"deviceState\":\"running\",\"adapterWwpn\":\"21000024ff00aa00\"}]},{\"number\":2,"
+              "\"policy\":\"service-time 0\",\"priority\":10,\"status\":\"enabled\",\"preferred\":false,"
+              "\"paths\":[{\"device\":\"sdc\",\"devt\":\"8:32\",\"host\":1,\"channel\":0,\"target\":0,\"lun\":0,"
+              "\"dmState\":\"active\",\"checkerState\":\"ready\",\"deviceState\":\"running\","
+              "\"adapterWwpn\":\"21000024ff00aa01\"}]}]},");
+    // Without Fibre Channel ports, and from a bracketed listing, the fields are null.
+    NamespaceHarness old;
+    installRpm(&old, kWithTools);
+    old.addAnsweringTool("multipath", fixture("multipath-ll-v2.bracketed-0.4.5.stdout"));
+    r = old.run({}, "PathPlannerTopology");
+    ASSERT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(schemaProblem(r.out), "") << r.out;
+    EXPECT_THAT(r.out, HasSubstr("\"dm\":null,\"vendor\":null,\"product\":null,\"size\":\"5 GB\""));
+    EXPECT_THAT(r.out, HasSubstr("\"deviceState\":null,\"adapterWwpn\":null}"));
+}
+
+TEST_F(TopologyE2eTest, VersionAndOptionForms) {
+    installDriver();
+    RunResult r = run({"--version"});
+    EXPECT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(r.out, "PathPlannerTopology 5.2.8.0\n");
+    r = run({"--records", "--trace=/opt/ZOR/QLX/agent/log/t.trace", "--"});
+    EXPECT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(jsonArrayLength(r.out), 4);
+    EXPECT_THAT(host.readAgentFile("log/t.trace"), HasSubstr("dmParseTopology"));
 }
 
 // Every failure is one line on standard error and nothing on standard output.
@@ -125,7 +185,16 @@ TEST_F(TopologyE2eTest, FailuresAreOneErrorLine) {
         {{"--table"}, kWithTools, "", -1, "", 173, "STA0523E .*/sbin/multipath"},
         {{"--bogus"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option '--bogus'"},
         {{"--trace"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option '--trace'"},
-        {{"json"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option 'json'"},
+        {{"json"}, kWithTools, twoMaps, 0, "", 3, "unexpected argument 'json'"},
+        {{"--offline", "21000024ff00aa0"}, kWithTools, twoMaps, 0, "", 3, "'21000024ff00aa0' is not a WWPN"},
+        {{"--offline=1", "--online=2"}, kWithTools, twoMaps, 0, "", 3, "only one of --offline"},
+        {{"--force"}, kWithTools, twoMaps, 0, "", 3, "need --offline or --online"},
+        {{"--online", "21000024ff00aa00", "--map", "a;b"}, kWithTools, twoMaps, 0, "", 3, "'a;b' is not a multipath map"},
+        {{"--fail-if-no-path", "--records"}, kWithTools, twoMaps, 0, "", 3, "--records only goes"},
+        {{"--", "--json"}, kWithTools, twoMaps, 0, "", 3, "unexpected argument '--json'"},
+        // Known noise on standard error is passed over for the line that explains.
+        {{}, kWithTools, "x", 1, "can't set open fds limit to 1048576, got 1024\nfatal: no memory\n", 173,
+         "STA0523E .* \\(fatal: no memory\\)\n"},
     };
     for (const auto& c : cases) {
         NamespaceHarness one;
@@ -151,7 +220,7 @@ TEST_F(TopologyE2eTest, FailIfNoPathSwitchesQueueingMaps) {
     host.addFakeTool("dmsetup", "case \"$1\" in\nls) cat " + tables + "/ls ;;\ntable) cat " + tables + "/\"$2\" ;;\nesac");
     RunResult r = run({"--fail-if-no-path"});
     EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(r.out, "mpatha: switched to fail_if_no_path\nmpathb: not queueing, left alone\n");
+    EXPECT_EQ(r.out, "{\"changed\":[{\"map\":\"mpatha\"}],\"unchanged\":[{\"map\":\"mpathb\"}],\"refused\":[],\"failed\":[]}\n");
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(host.toolCalls("dmsetup"), (Lines{"ls", "table mpatha", "message mpatha 0 fail_if_no_path", "table mpathb"}));
 }
@@ -159,10 +228,32 @@ TEST_F(TopologyE2eTest, FailIfNoPathSwitchesQueueingMaps) {
 TEST_F(TopologyE2eTest, FailIfNoPathWithoutMapsSaysSo) {
     installRpm(&host, kWithTools);
     host.addAnsweringTool("dmsetup", fixture("dmsetup-ls.no-maps.stdout"));
-    RunResult r = run({"--fail-if-no-path"});
+    RunResult r = run({"--fail-if-no-path", "--table"});
     EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(r.out, "no multipath maps\n");
+    EXPECT_EQ(r.out, "MAP  DEVICE  RESULT  DM-STATE  REASON\n");
     EXPECT_EQ(host.toolCalls("dmsetup"), Lines{"ls"});
+}
+
+// A failing "dmsetup ls" is not "no maps"; a refused message is not success.
+TEST_F(TopologyE2eTest, FailIfNoPathFailuresAreOneLine) {
+    installRpm(&host, kWithTools);
+    host.addAnsweringTool("dmsetup", "", 1, "can't set open fds limit\n/dev/mapper/control: open failed: Permission denied\n");
+    RunResult r = run({"--fail-if-no-path"});
+    EXPECT_EQ(r.exitStatus, 173) << r.describe();
+    EXPECT_EQ(r.out, "");
+    EXPECT_THAT(r.err, ContainsRegex("^PathPlannerTopology: STA0523E .*dmsetup\" ls \\(/dev/mapper/control: open failed"));
+    EXPECT_EQ(splitLines(r.err).size(), 1u) << r.err;
+
+    NamespaceHarness refusing;
+    installRpm(&refusing, kWithTools);
+    refusing.addFakeTool("dmsetup", "case \"$1\" in\nls) printf 'mpatha\\t(253:0)\\n' ;;\n"
+                                    "table) echo '0 32768 multipath 1 queue_if_no_path 0 1 1 round-robin 0 1 1 8:0 1' ;;\n"
+                                    "message) exit 1 ;;\nesac");
+    r = refusing.run({"--fail-if-no-path"}, "PathPlannerTopology");
+    EXPECT_EQ(r.exitStatus, 173) << r.describe();
+    EXPECT_EQ(r.out, "{\"changed\":[],\"unchanged\":[],\"refused\":[],\"failed\":[{\"map\":\"mpatha\",\"reason\":"
+                     "\"dmsetup refused fail_if_no_path\"}]}\n");
+    EXPECT_EQ(r.err, "PathPlannerTopology: dmsetup refused fail_if_no_path for mpatha\n");
 }
 
 TEST_F(TopologyE2eTest, HelpPrintsUsage) {

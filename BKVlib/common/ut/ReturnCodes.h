@@ -46,6 +46,8 @@ constexpr int32_t RC_ZPL_DEVICE_NOT_FOUND = 170; // vendor device unknown
 constexpr int32_t RC_RECONFIG_NOT_RUN = 71;      // cfglundev could not be run
 constexpr int32_t RC_SETTING_NOT_SUPPORTED = 172;
 constexpr int32_t RC_DRIVER_CMD_FAILED = 173;
+constexpr int32_t RC_PATHS_REFUSED = 174;     // offline refused: a map would lose its last usable path
+constexpr int32_t RC_NO_MATCHING_PATH = 175;  // no adapter port, path or map matches the request
 
 // Runtime library.
 constexpr int32_t RC_NO_MEMORY = 102;

@@ -51,7 +51,7 @@ protected:
         return result;
     }
 
-    fakes::FakeTools tools{"rpm", "multipath", "dmsetup"};
+    fakes::FakeTools tools{"rpm", "multipath", "dmsetup", "multipathd"};
 };
 
 // The package list goes through the real awk, so its filter is exercised too.
@@ -219,6 +219,64 @@ TEST_F(MultipathDMLinuxTest, SwitchStopsAtFirstCommandThatCannotRun) {
         EXPECT_THAT(log.text(), HasSubstr("STA0356E"));
         EXPECT_THAT(trace.text(), HasSubstr(c.traced));
     }
+}
+
+// A failing "dmsetup ls" stops the switch: its silence is not "no maps".
+TEST_F(MultipathDMLinuxTest, SwitchStopsWhenMapListFails) {
+    tools.answer("dmsetup.ls", "", 1, "/dev/mapper/control: open failed: Permission denied\n");
+    fakes::LogCapture log;
+    DmQueueingSwitchResult result;
+    EXPECT_EQ(MultipathDMLinux(tools.dir()).setFailIfNoPath(&result), RC_OK);
+    EXPECT_TRUE(result.stopped);
+    EXPECT_TRUE(result.failedRan);
+    EXPECT_EQ(result.failedErr, "/dev/mapper/control: open failed: Permission denied\n");
+    EXPECT_EQ(tools.calls("dmsetup"), Lines{"ls"});
+    EXPECT_THAT(log.text(), HasSubstr("STA0523E"));
+}
+
+TEST_F(MultipathDMLinuxTest, MapViewOfRealListing) {
+    tools.answer("multipath.-ll.-v2", fixture("multipath-ll-v2.two-maps.stdout"));
+    std::vector<DmViewMap> maps;
+    DmListingResult result;
+    MultipathDMLinux(tools.dir()).getMapView(&maps, &result);
+    EXPECT_EQ(result.status, DmListingStatus::kParsed);
+    ASSERT_EQ(maps.size(), 2u);
+    EXPECT_EQ(maps[1].groups[1].paths[0].device, "sdd");
+
+    tools.answer("multipath.-ll.-v2", "", 1, "can't set open fds limit\n");
+    maps.clear();
+    MultipathDMLinux(tools.dir()).getMapView(&maps, &result);
+    EXPECT_EQ(result.status, DmListingStatus::kEmpty);
+    EXPECT_TRUE(maps.empty());
+}
+
+// The command is made of fixed words and the device; a name that could be read as
+// an option or shell text never reaches multipathd.
+TEST_F(MultipathDMLinuxTest, PathStateThroughMultipathd) {
+    const struct {
+        const char* device;
+        bool fail;
+        const char* out;
+        int status;
+        int32_t rc;
+    } cases[] = {
+        {"sda", true, "ok\n", 0, RC_OK},
+        {"sdb", false, "ok\n", 0, RC_OK},
+        {"sdc", true, "fail\n", 1, RC_DRIVER_CMD_FAILED},
+        {"sdd", true, "fail\n", 0, RC_DRIVER_CMD_FAILED},
+        {"-v3", true, "ok\n", 0, RC_BAD_ARGS},
+        {"sde;reboot", true, "ok\n", 0, RC_BAD_ARGS},
+        {"", false, "ok\n", 0, RC_BAD_ARGS},
+    };
+    Lines expected;
+    for (const auto& c : cases) {
+        std::string call = std::string(c.fail ? "fail" : "reinstate") + " path " + c.device;
+        tools.answer("multipathd." + std::string(c.fail ? "fail" : "reinstate") + ".path." + c.device, c.out, c.status);
+        DmToolRun run;
+        EXPECT_EQ(MultipathDMLinux(tools.dir()).changePathState(c.device, c.fail, &run), c.rc) << c.device;
+        if (c.rc != RC_BAD_ARGS) expected.push_back(call);
+    }
+    EXPECT_EQ(tools.calls("multipathd"), expected);
 }
 
 }  // namespace

@@ -1,0 +1,40 @@
+#!/bin/bash
+# Runs inside the lab VM (LAB_FC=1, two scsi_debug hosts, multipathd running) from
+# the shared folder, which holds the installed tool in agent/. Every step's output
+# goes to out/NAME.{out,err,rc}; the host side judges them.
+cd /host || exit 1
+mkdir -p out
+step() {
+    local name=$1; shift
+    "$@" >"out/$name.out" 2>"out/$name.err"
+    echo $? >"out/$name.rc"
+}
+
+# The agent's installation place, so the tool finds its catalogue and activity log.
+mkdir -p /opt/ZOR/QLX/agent && mount --bind /host/agent /opt/ZOR/QLX/agent
+# No Fibre Channel here: give the two scsi_debug hosts (host0, host1) a port each.
+mount -t tmpfs pp-fc /sys/class/fc_host
+for n in 0 1; do
+    mkdir /sys/class/fc_host/host$n
+    echo "0x21000024ff00aa0$n" >/sys/class/fc_host/host$n/port_name
+done
+T=/opt/ZOR/QLX/agent/bin/PathPlannerTopology
+
+step version "$T" --version
+step ll multipath -ll -v2
+step showmaps multipathd show maps json
+step topology "$T"
+step paths-before multipathd show paths
+step offline "$T" --offline 21:00:00:24:FF:00:AA:00
+step paths-offline multipathd show paths
+# host1 now carries the last usable path of every map.
+step refusal "$T" --offline 0x21000024ff00aa01
+step paths-refused multipathd show paths
+step topology-offline "$T"
+# The path checker runs every 5 s: the failed paths must stay failed past it.
+sleep 7
+step paths-later multipathd show paths
+step online "$T" --online 21000024ff00aa00 --table
+step paths-after multipathd show paths
+cp /opt/ZOR/QLX/agent/log/multipath.log out/activity.log 2>/dev/null
+exit 0
