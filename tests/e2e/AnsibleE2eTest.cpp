@@ -4,15 +4,22 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "gmock/gmock.h"
 #include "tests/e2e/NamespaceHarness.h"
 
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
+namespace fs = std::filesystem;
 
 namespace {
 
 const char kPlaybook[] = PP_TESTS_ROOT "/ansible/playbooks/module-result.yml";
+const char kDrainPlaybook[] =
+    PP_SOURCE_DIR "/contrib/ansible/ansible_collections/zor/pathplanner/playbooks/drain_and_restore.yml";
+const char kWwpn[] = "10:00:00:00:c9:5a:3b:10";
 
 class AnsibleE2eTest : public E2eTest {
 protected:
@@ -45,7 +52,8 @@ void installDriver(NamespaceHarness* host, Driver driver, int setStatus) {
 
 // ansible-playbook with the collection from the source tree and its own files
 // kept under the harness's temporary tree.
-RunResult runPlaybook(NamespaceHarness* host, const std::string& extraVars, bool checkMode = false) {
+RunResult runPlaybook(NamespaceHarness* host, const std::string& extraVars, bool checkMode = false,
+                      const std::string& playbook = kPlaybook) {
     const std::string home = host->makeHostDir("ansible-home");
     std::vector<std::string> args = {"ANSIBLE_COLLECTIONS_PATH=" PP_SOURCE_DIR "/contrib/ansible",
                                      "ANSIBLE_HOME=" + home,
@@ -62,7 +70,7 @@ RunResult runPlaybook(NamespaceHarness* host, const std::string& extraVars, bool
                                      "ansible_python_interpreter=/usr/bin/python3",
                                      "-e",
                                      extraVars,
-                                     kPlaybook};
+                                     playbook};
     if (checkMode) args.push_back("--check");
     return host->run(args, "/usr/bin/env");
 }
@@ -126,6 +134,18 @@ TEST_F(AnsibleE2eTest, CheckModeRunsNothing) {
     EXPECT_THAT(host.listAgentDir("log"), IsEmpty());
 }
 
+// A SCSI subsystem with one adapter or none, where nothing new ever shows up and
+// the rescan script's pauses are skipped.
+void placeScsi(NamespaceHarness* host, bool adapter) {
+    const std::string scsiHosts = host->makeHostDir("scsi_host");
+    if (adapter) testfiles::writeFile(host->makeHostDir("scsi_host/host0") + "/scan", "");
+    testfiles::writeFile(host->makeHostDir("proc_scsi") + "/scsi", "Attached devices:\n");
+    host->placeTree("/proc/scsi", host->makeHostDir("proc_scsi"));
+    host->placeTree("/sys/class/scsi_host", scsiHosts);
+    host->placeTree("/sys/class/fc_host", host->makeHostDir("fc_host"));
+    host->addFakeTool("sleep", "");
+}
+
 // A rescan of a host without a driver: the script's own status 1 when there is no
 // adapter to scan, and a clean run that finds nothing new is not a change.
 TEST_F(AnsibleE2eTest, RescanOutcomes) {
@@ -141,18 +161,59 @@ TEST_F(AnsibleE2eTest, RescanOutcomes) {
     for (const auto& c : cases) {
         NamespaceHarness host;
         installDriver(&host, Driver::kNone, 0);
-        const std::string scsiHosts = host.makeHostDir("scsi_host");
-        if (c.adapter) testfiles::writeFile(host.makeHostDir("scsi_host/host0") + "/scan", "");
-        testfiles::writeFile(host.makeHostDir("proc_scsi") + "/scsi", "Attached devices:\n");
-        host.placeTree("/proc/scsi", host.makeHostDir("proc_scsi"));
-        host.placeTree("/sys/class/scsi_host", scsiHosts);
-        host.placeTree("/sys/class/fc_host", host.makeHostDir("fc_host"));
-        host.addFakeTool("sleep", "");
+        placeScsi(&host, c.adapter);
         RunResult r = runPlaybook(&host, c.vars);
         EXPECT_EQ(0, r.exitStatus) << c.vars << "\n" << r.describe();
         // ansible runs "sleep 0" itself; the script's pauses are "sleep 10".
         const std::vector<std::string> calls = host.toolCalls("sleep");
         EXPECT_EQ(c.adapter ? 3 : 0, std::count(calls.begin(), calls.end(), "10")) << c.vars;
+    }
+}
+
+// A copy of the installed PathPlanner beside the fake PathPlannerTopology of tests/ansible, whose
+// answers the test writes next to it; the topology tool's calls come back one per line.
+struct DrainHost {
+    NamespaceHarness host;
+    std::string bin = host.makeHostDir("bin");
+    DrainHost() {
+        installDriver(&host, Driver::kNone, 0);
+        host.hideSbinTool("multipath");
+        fs::copy_file(PP_BINARY_DIR "/e2e-prefix/agent/bin/PathPlanner", bin + "/PathPlanner");
+        fs::copy_file(PP_TESTS_ROOT "/ansible/fake-PathPlannerTopology", bin + "/PathPlannerTopology");
+        testfiles::writeFile(bin + "/json.out", R"({"version": 2, "driver": "multipath-tools v0.9.4", "maps": []})");
+        host.placeTree("/opt/ZOR/QLX/agent/bin", bin);
+        placeScsi(&host, true);
+    }
+    void answerChange(const std::string& out, int status) {
+        testfiles::writeFile(bin + "/change.out", out);
+        testfiles::writeFile(bin + "/change.status", std::to_string(status));
+    }
+    std::vector<std::string> topologyCalls() const { return testfiles::splitLines(testfiles::readFile(bin + "/calls")); }
+};
+
+// The example playbook on one host: offline, facts, online, facts, rescan; a refused
+// drain stops the play before anything is brought back or rescanned.
+TEST_F(AnsibleE2eTest, DrainAndRestorePlaybook) {
+    const std::string vars = std::string(R"({"wwpn": ")") + kWwpn + R"(", "maps": ["mpatha"], "ansible_become": false})";
+    const std::string offline = std::string(R"(["--offline", ")") + kWwpn + R"(", "--map", "mpatha"])";
+    const std::string online = std::string(R"(["--online", ")") + kWwpn + R"(", "--map", "mpatha"])";
+    {
+        DrainHost drain;
+        drain.answerChange(R"({"changed": ["sdb"], "unchanged": [], "refused": [], "failed": []})", 0);
+        RunResult r = runPlaybook(&drain.host, vars, false, kDrainPlaybook);
+        EXPECT_EQ(0, r.exitStatus) << r.describe();
+        EXPECT_EQ(drain.topologyCalls(), (std::vector<std::string>{offline, R"(["--json"])", online, R"(["--json"])"}));
+        EXPECT_THAT(r.out, HasSubstr("offline: 1, back online: 1"));
+        EXPECT_THAT(drain.host.readAgentFile("log/multipath.log"), HasSubstr("AGT0459I"));
+    }
+    {
+        DrainHost drain;
+        drain.answerChange(R"({"changed": [], "unchanged": [], "refused": [{"map": "mpatha"}], "failed": []})", 1);
+        RunResult r = runPlaybook(&drain.host, vars, false, kDrainPlaybook);
+        EXPECT_NE(0, r.exitStatus) << r.describe();
+        EXPECT_EQ(drain.topologyCalls(), std::vector<std::string>{offline});
+        EXPECT_THAT(r.out, HasSubstr("a map would lose its last usable path"));
+        EXPECT_THAT(drain.host.readAgentFile("log/multipath.log"), Not(HasSubstr("AGT0459I")));
     }
 }
 
