@@ -39,4 +39,7 @@ find "$work/ansible_collections" -name "*.py" -exec $py -m py_compile {} +
 for playbook in "$collection"/playbooks/*.yml; do
   ansible-playbook --syntax-check -i localhost, "$playbook" >/dev/null
 done
+# The collection carries the product's version, whose one source is CMake.
+product=$(sed -n 's/^project(PathPlanner VERSION \([0-9]*\.[0-9]*\.[0-9]*\).*/\1/p' "$src/../../CMakeLists.txt")
+grep -qx "version: $product" "$collection/galaxy.yml" || { echo "galaxy.yml version is not $product" >&2; exit 1; }
 echo "sanity: ok"

@@ -127,6 +127,47 @@ class TopologyTest(ModuleRun):
         self.assertEqual(self.calls(), [])
 
 
+sys.path.insert(0, os.path.join(COLLECTIONS, 'ansible_collections', 'zor', 'pathplanner', 'plugins', 'module_utils'))
+import pathplanner_common  # noqa: E402  (standard library only)
+
+
+class LogSnapshotTest(unittest.TestCase):
+    """The run's own entries, however the log series moved while it ran."""
+
+    def test_entries_of_the_run(self):
+        old = 'd t AGT0430I earlier run\n'
+        cases = [
+            # name: (files before, files after, entries of the run)
+            ('appended', {'multipath.log': old}, {'multipath.log': old + 'd t AGT0429I new\n'}, ['d t AGT0429I new']),
+            ('numbered file started', {'multipath_000001.log': old},
+             {'multipath_000001.log': old, 'multipath_000002.log': 'd t AGT0456E none\n'}, ['d t AGT0456E none']),
+            ('numbered file continued', {'multipath_000001.log': old},
+             {'multipath_000001.log': old + 'd t X\n'}, ['d t X']),
+            ('log rotated away', {'multipath.log': old + old}, {'multipath.log': 'd t A\n'}, ['d t A']),
+            ('other files ignored', {}, {'multipath.trace': 'x\n', 'multipath_1.log': 'y\n', 'multipath.log.1': 'z\n'}, []),
+        ]
+        for name, before, after, expected in cases:
+            with self.subTest(name):
+                log_dir = tempfile.mkdtemp()
+                self.addCleanup(shutil.rmtree, log_dir)
+                for file, text in before.items():
+                    with open(os.path.join(log_dir, file), 'w') as f:
+                        f.write(text)
+                snapshot = pathplanner_common.LogSnapshot(log_dir)
+                for file, text in after.items():
+                    with open(os.path.join(log_dir, file), 'w') as f:
+                        f.write(text)
+                self.assertEqual(snapshot.new_entries(), expected)
+
+    def test_failure_reasons(self):
+        start, finish = 'd t AGT0429I PathPlanner started', 'd t AGT0430I PathPlanner finished with return code 172.'
+        self.assertEqual(pathplanner_common.problem_entries([start, 'd t AGT0454I cannot set', finish]),
+                         ['AGT0454I cannot set'])
+        self.assertEqual(pathplanner_common.problem_entries([start, 'd t AGT0458I x', 'd t AGT0453E no', finish]),
+                         ['AGT0453E no'])
+        self.assertEqual(pathplanner_common.problem_entries([start, finish]), [])
+
+
 class PlannerCheckModeTest(ModuleRun):
     def command_for(self, **params):
         out = self.run_module('pathplanner', check_mode=True, **params)

@@ -8,7 +8,7 @@ DOCUMENTATION = r'''
 ---
 module: pathplanner
 short_description: Rescan buses, set multipath policies and path states with PathPlanner
-version_added: "1.0.0"
+version_added: "5.2.8"
 description:
   - Runs the installed C(PathPlanner) tool of the storage-management agent once, with the
     request an agent would send, and reports its exit status with its meaning and the

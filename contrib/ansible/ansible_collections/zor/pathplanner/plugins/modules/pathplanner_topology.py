@@ -8,7 +8,7 @@ DOCUMENTATION = r'''
 ---
 module: pathplanner_topology
 short_description: Device-mapper multipath topology as facts; paths offline and online by adapter WWPN
-version_added: "1.0.0"
+version_added: "5.2.8"
 description:
   - Runs the installed C(PathPlannerTopology) and returns the device-mapper multipath
     topology (maps, their path groups and paths, each path with its adapter's WWPN) as the
