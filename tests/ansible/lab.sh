@@ -61,4 +61,6 @@ play -e wwpn=10000000c95a3b10 -e ansible_become=false \
 GUEST
 
 # Boot about 10 s, the plays about a minute, the rescan's settling wait 60 s.
-LAB_FC=1 LAB_TIMEOUT=${LAB_TIMEOUT:-420} "$lab/vm-run.sh" -s "$share" bash /host/guest.sh
+# The agent finds the device-mapper driver through rpm, whose database the VM has empty;
+# the rescan script needs /proc/scsi, which only the lab's own scsi_mod provides.
+LAB_RPM_PKGS=device-mapper-multipath-0.9.4-1.lab LAB_PROC_SCSI=1 LAB_FC=1 LAB_TIMEOUT=${LAB_TIMEOUT:-420} "$lab/vm-run.sh" -s "$share" bash /host/guest.sh

@@ -17,10 +17,9 @@ MODULES = 'ansible_collections.zor.pathplanner.plugins.modules.'
 PYTHON = '/usr/bin/python3'
 WWPN = '10:00:00:00:C9:5A:3B:10'
 
-TOPOLOGY = {'version': 2, 'driver': 'multipath-tools v0.9.4', 'maps': [
-    {'name': 'mpatha', 'wwid': '3600a0b80001', 'groups': [
-        {'number': 1, 'paths': [{'device': 'sdb', 'dmState': 'active', 'adapterWwpn': '10000000c95a3b10'},
-                                {'device': 'sdc', 'dmState': 'active', 'adapterWwpn': '10000000c95a3b11'}]}]}]}
+# A version-2 topology of the lab's two maps, each with one path per adapter.
+with open(os.path.join(HERE, 'data', 'topology-v2.json')) as _f:
+    TOPOLOGY = json.load(_f)
 
 
 def result_lists(**lists):
