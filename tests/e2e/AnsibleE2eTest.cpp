@@ -12,6 +12,7 @@
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using testfiles::readFile;
 namespace fs = std::filesystem;
 
 namespace {
@@ -180,7 +181,7 @@ struct DrainHost {
         host.hideSbinTool("multipath");
         fs::copy_file(PP_BINARY_DIR "/e2e-prefix/agent/bin/PathPlanner", bin + "/PathPlanner");
         fs::copy_file(PP_TESTS_ROOT "/ansible/fake-PathPlannerTopology", bin + "/PathPlannerTopology");
-        testfiles::writeFile(bin + "/json.out", R"({"version": 2, "driver": "multipath-tools v0.9.4", "maps": []})");
+        testfiles::writeFile(bin + "/json.out", readFile(PP_TESTS_ROOT "/ansible/data/topology-v2.json"));
         host.placeTree("/opt/ZOR/QLX/agent/bin", bin);
         placeScsi(&host, true);
     }
@@ -188,7 +189,7 @@ struct DrainHost {
         testfiles::writeFile(bin + "/change.out", out);
         testfiles::writeFile(bin + "/change.status", std::to_string(status));
     }
-    std::vector<std::string> topologyCalls() const { return testfiles::splitLines(testfiles::readFile(bin + "/calls")); }
+    std::vector<std::string> topologyCalls() const { return testfiles::splitLines(readFile(bin + "/calls")); }
 };
 
 // The example playbook on one host: offline, facts, online, facts, rescan; a refused
@@ -204,6 +205,7 @@ TEST_F(AnsibleE2eTest, DrainAndRestorePlaybook) {
         EXPECT_EQ(0, r.exitStatus) << r.describe();
         EXPECT_EQ(drain.topologyCalls(), (std::vector<std::string>{offline, R"(["--json"])", online, R"(["--json"])"}));
         EXPECT_THAT(r.out, HasSubstr("offline: 1, back online: 1"));
+        RecordProperty("playbook_output", r.out);  // for --gtest_output=xml readers
         EXPECT_THAT(drain.host.readAgentFile("log/multipath.log"), HasSubstr("AGT0459I"));
     }
     {
