@@ -242,7 +242,7 @@ def read_scsi_devices():
         return None
 
 
-def judge_change(result, action, driver, scsi_before, scsi_after):
+def judge_change(action, driver, scsi_before, scsi_after):
     """changed, and the warning that says why not, for a run that succeeded."""
     if action == 'path_state' and driver == 'device-mapper':
         return False, ('the device-mapper driver leaves path states unchanged on this request, by design; '
@@ -279,7 +279,7 @@ def run_tool(module, command, action):
         result.update(failed=True, changed=False, msg=failure_message(result))
         return result
     scsi_after = read_scsi_devices() if action == 'rescan' else None
-    changed, warning = judge_change(result, action, driver, scsi_before, scsi_after)
+    changed, warning = judge_change(action, driver, scsi_before, scsi_after)
     result.update(changed=changed, msg='PathPlanner succeeded')
     if warning:
         module.warn(warning)
