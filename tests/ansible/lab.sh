@@ -61,7 +61,7 @@ play -e wwpn=10000000c95a3b10 -e ansible_become=false \
 GUEST
 
 # Under TCG a module task takes 10 to 30 s and the rescan waits 60 s for the system to
-# settle: a trial of five tasks took 6.5 min.
+# settle: a trial with four module runs, one of them a rescan, took 6.5 min.
 # The agent finds the device-mapper driver through rpm, whose database the VM has empty;
 # the rescan script needs /proc/scsi, which only the lab's own scsi_mod provides.
 LAB_RPM_PKGS=device-mapper-multipath-0.9.4-1.lab LAB_PROC_SCSI=1 LAB_FC=1 LAB_TIMEOUT=${LAB_TIMEOUT:-1300} "$lab/vm-run.sh" -s "$share" bash /host/guest.sh
