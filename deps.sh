@@ -10,10 +10,11 @@ set -euo pipefail
 build=(cmake g++ make libc-dev-bin)
 package=("${build[@]}" rpm dpkg-dev)
 # man-db and mandoc check the man pages, lintian the .deb, logrotate the rule's syntax,
-# python3 the JSON the topology command prints; the harness needs procps, unshare
+# python3 the JSON the topology command prints, ansible-core (with git for its sanity
+# test) the collection; the harness needs procps, unshare
 # (util-linux) and script (bsdutils) for a terminal.
 test=("${package[@]}" libgtest-dev libgmock-dev libbenchmark-dev faketime python3 python3-jsonschema procps util-linux bsdutils
-      lintian mandoc man-db logrotate bash-completion)
+      lintian mandoc man-db logrotate bash-completion ansible-core git)
 fuzz=("${test[@]}" clang libclang-rt-14-dev)
 case "${1:-}" in
   build) packages=("${build[@]}") ;;

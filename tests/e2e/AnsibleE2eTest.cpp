@@ -1,0 +1,222 @@
+// The zor.pathplanner modules run by ansible-playbook (connection local) inside the
+// namespace harness, so the installed tool meets fake drivers: each outcome class of a
+// run reaches the play as rc, rc_meaning, messages, changed, failed and warnings.
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "gmock/gmock.h"
+#include "tests/e2e/NamespaceHarness.h"
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using testfiles::readFile;
+namespace fs = std::filesystem;
+
+namespace {
+
+const char kPlaybook[] = PP_TESTS_ROOT "/ansible/playbooks/module-result.yml";
+const char kDrainPlaybook[] =
+    PP_SOURCE_DIR "/contrib/ansible/ansible_collections/zor/pathplanner/playbooks/drain_and_restore.yml";
+const char kWwpn[] = "10:00:00:00:c9:5a:3b:10";
+
+class AnsibleE2eTest : public E2eTest {
+protected:
+    void SetUp() override {
+        E2eTest::SetUp();
+        if (access("/usr/bin/ansible-playbook", X_OK) != 0) GTEST_SKIP() << "ansible-core is not installed";
+    }
+};
+
+enum class Driver { kNone, kDm, kVendor };
+
+// The probes and commands of each driver, as ActionsE2eTest fakes them; the
+// commands that change something exit with setStatus.
+void installDriver(NamespaceHarness* host, Driver driver, int setStatus) {
+    const std::string status = std::to_string(setStatus);
+    std::string rpm = "case \"$*\" in\n";
+    rpm += driver == Driver::kVendor ? "  '-q ZORzpl') echo ZORzpl-1.6.2.0-1 ;;\n"
+                                     : "  '-q ZORzpl') echo 'package ZORzpl is not installed'; exit 1 ;;\n";
+    rpm += driver == Driver::kDm ? "  -qa) echo device-mapper-multipath-0.4.9-123 ;;\n  *) echo \"$2\" ;;\n"
+                                 : "  -qa) ;;\n  *) echo \"package $2 is not installed\"; exit 1 ;;\n";
+    host->addFakeTool("rpm", rpm + "esac");
+    host->addFakeTool("lunctl", "case \"$1\" in\n  query) cat '" PP_TESTS_ROOT
+                                "/Multipath/data/lunctl-query-'\"$2\"'.txt' ;;\n  set) exit " + status + " ;;\nesac");
+    if (driver == Driver::kDm) {
+        host->addFakeTool("multipath", "echo 'policy error' >&2\nexit " + status);
+    } else {
+        host->hideSbinTool("multipath");
+    }
+}
+
+// ansible-playbook with the collection from the source tree and its own files
+// kept under the harness's temporary tree.
+RunResult runPlaybook(NamespaceHarness* host, const std::string& extraVars, bool checkMode = false,
+                      const std::string& playbook = kPlaybook) {
+    const std::string home = host->makeHostDir("ansible-home");
+    std::vector<std::string> args = {"ANSIBLE_COLLECTIONS_PATH=" PP_SOURCE_DIR "/contrib/ansible",
+                                     "ANSIBLE_HOME=" + home,
+                                     "ANSIBLE_LOCAL_TEMP=" + home + "/tmp",
+                                     "ANSIBLE_REMOTE_TEMP=" + home + "/remote",
+                                     "ANSIBLE_NOCOLOR=1",
+                                     "PYTHONDONTWRITEBYTECODE=1",
+                                     "/usr/bin/ansible-playbook",
+                                     "-i",
+                                     "localhost,",
+                                     "-c",
+                                     "local",
+                                     "-e",
+                                     "ansible_python_interpreter=/usr/bin/python3",
+                                     "-e",
+                                     extraVars,
+                                     playbook};
+    if (checkMode) args.push_back("--check");
+    return host->run(args, "/usr/bin/env");
+}
+
+TEST_F(AnsibleE2eTest, EachOutcomeReachesThePlay) {
+    const struct {
+        Driver driver;
+        int setStatus;
+        const char* vars;  // req: module options; expect: what the play must see
+    } cases[] = {
+        {Driver::kDm, 0,
+         R"({"req": {"action": "policy", "policy": "round_robin", "devices": ["mpatha"]},
+             "expect": {"rc": 0, "changed": true, "failed": false, "meaning": "success",
+                        "message": "AGT0458I Setting the path-selection policy Round Robin on the devices: mpatha"}})"},
+        {Driver::kVendor, 0,
+         R"({"req": {"action": "path_state", "state": "offline", "device": "lundev1", "wwpns": ["10000000c95a3b10"]},
+             "expect": {"rc": 0, "changed": true, "failed": false, "message": "finished with return code 0"}})"},
+        // By design the device-mapper driver changes nothing on this request.
+        {Driver::kDm, 0,
+         R"({"req": {"action": "path_state", "state": "offline", "device": "mpatha", "wwpns": ["10000000c95a3b10"]},
+             "expect": {"rc": 0, "changed": false, "failed": false, "warning": "device-mapper driver leaves path states"}})"},
+        {Driver::kNone, 0,
+         R"({"req": {"action": "policy", "policy": "failover", "devices": ["lundev0"]},
+             "expect": {"rc": 169, "changed": false, "failed": true, "meaning": "no multipath driver",
+                        "msg": "AGT0456E No multipath driver was found"}})"},
+        {Driver::kVendor, 0,
+         R"({"req": {"action": "policy", "policy": "load_balancing", "devices": ["nodev"]},
+             "expect": {"rc": 170, "changed": false, "failed": true, "meaning": "vendor device unknown",
+                        "msg": "AGT0452E The multipath driver does not know the device nodev"}})"},
+        {Driver::kDm, 0,
+         R"({"req": {"action": "policy", "policy": "failover", "devices": ["mpatha"]},
+             "expect": {"rc": 172, "changed": false, "failed": true, "meaning": "not supported by the device-mapper",
+                        "msg": "AGT0454I The multipath driver in use cannot set the requested policy"}})"},
+        {Driver::kVendor, 2,
+         R"({"req": {"action": "policy", "policy": "round_robin", "devices": ["lundev0"]},
+             "expect": {"rc": 173, "changed": false, "failed": true, "meaning": "driver command failed",
+                        "msg": "AGT0453E The multipath driver could not change the device lundev0"}})"},
+        // Any log limit switches the tool to the numbered log series.
+        {Driver::kVendor, 0,
+         R"({"req": {"action": "policy", "policy": "failover", "devices": ["lundev0"], "log_limits": {"max_num_logs": 3}},
+             "expect": {"rc": 0, "changed": true, "failed": false, "message": "Failover on the devices: lundev0"}})"},
+    };
+    for (const auto& c : cases) {
+        NamespaceHarness host;
+        installDriver(&host, c.driver, c.setStatus);
+        RunResult r = runPlaybook(&host, c.vars);
+        EXPECT_EQ(0, r.exitStatus) << c.vars << "\n" << r.describe();
+    }
+}
+
+TEST_F(AnsibleE2eTest, CheckModeRunsNothing) {
+    NamespaceHarness host;
+    installDriver(&host, Driver::kVendor, 0);
+    RunResult r = runPlaybook(&host, R"({"req": {"action": "path_state", "state": "online", "device": "lundev2",
+        "wwpns": ["10000000c95a3b11"]}, "expect": {"rc": -1, "changed": true, "failed": false,
+        "msg": "check mode: would run /opt/ZOR/QLX/agent/bin/PathPlanner -debug MID -multipath 1;lundev2;10000000c95a3b11"}})",
+                              true);
+    EXPECT_EQ(0, r.exitStatus) << r.describe();
+    EXPECT_THAT(host.toolCalls("rpm"), IsEmpty());
+    EXPECT_THAT(host.toolCalls("lunctl"), IsEmpty());
+    EXPECT_THAT(host.listAgentDir("log"), IsEmpty());
+}
+
+// A SCSI subsystem with one adapter or none, where nothing new ever shows up and
+// the rescan script's pauses are skipped.
+void placeScsi(NamespaceHarness* host, bool adapter) {
+    const std::string scsiHosts = host->makeHostDir("scsi_host");
+    if (adapter) testfiles::writeFile(host->makeHostDir("scsi_host/host0") + "/scan", "");
+    testfiles::writeFile(host->makeHostDir("proc_scsi") + "/scsi", "Attached devices:\n");
+    host->placeTree("/proc/scsi", host->makeHostDir("proc_scsi"));
+    host->placeTree("/sys/class/scsi_host", scsiHosts);
+    host->placeTree("/sys/class/fc_host", host->makeHostDir("fc_host"));
+    host->addFakeTool("sleep", "");
+}
+
+// A rescan of a host without a driver: the script's own status 1 when there is no
+// adapter to scan, and a clean run that finds nothing new is not a change.
+TEST_F(AnsibleE2eTest, RescanOutcomes) {
+    const struct {
+        bool adapter;
+        const char* vars;
+    } cases[] = {
+        {false, R"({"req": {"action": "rescan"}, "expect": {"rc": 1, "changed": false, "failed": true,
+             "meaning": "rescan script found no SCSI subsystem or no host adapter", "msg": "exited with 1"}})"},
+        {true, R"({"req": {"action": "rescan"}, "expect": {"rc": 0, "changed": false, "failed": false,
+             "message": "AGT0459I", "warning": "the rescan found no new device"}})"},
+    };
+    for (const auto& c : cases) {
+        NamespaceHarness host;
+        installDriver(&host, Driver::kNone, 0);
+        placeScsi(&host, c.adapter);
+        RunResult r = runPlaybook(&host, c.vars);
+        EXPECT_EQ(0, r.exitStatus) << c.vars << "\n" << r.describe();
+        // ansible runs "sleep 0" itself; the script's pauses are "sleep 10".
+        const std::vector<std::string> calls = host.toolCalls("sleep");
+        EXPECT_EQ(c.adapter ? 3 : 0, std::count(calls.begin(), calls.end(), "10")) << c.vars;
+    }
+}
+
+// A copy of the installed PathPlanner beside the fake PathPlannerTopology of tests/ansible, whose
+// answers the test writes next to it; the topology tool's calls come back one per line.
+struct DrainHost {
+    NamespaceHarness host;
+    std::string bin = host.makeHostDir("bin");
+    DrainHost() {
+        installDriver(&host, Driver::kNone, 0);
+        host.hideSbinTool("multipath");
+        fs::copy_file(PP_BINARY_DIR "/e2e-prefix/agent/bin/PathPlanner", bin + "/PathPlanner");
+        fs::copy_file(PP_TESTS_ROOT "/ansible/fake-PathPlannerTopology", bin + "/PathPlannerTopology");
+        testfiles::writeFile(bin + "/json.out", readFile(PP_TESTS_ROOT "/ansible/data/topology-v2.json"));
+        host.placeTree("/opt/ZOR/QLX/agent/bin", bin);
+        placeScsi(&host, true);
+    }
+    void answerChange(const std::string& out, int status) {
+        testfiles::writeFile(bin + "/change.out", out);
+        testfiles::writeFile(bin + "/change.status", std::to_string(status));
+    }
+    std::vector<std::string> topologyCalls() const { return testfiles::splitLines(readFile(bin + "/calls")); }
+};
+
+// The example playbook on one host: offline, facts, online, facts, rescan; a refused
+// drain stops the play before anything is brought back or rescanned.
+TEST_F(AnsibleE2eTest, DrainAndRestorePlaybook) {
+    const std::string vars = std::string(R"({"wwpn": ")") + kWwpn + R"(", "maps": ["mpatha"], "ansible_become": false})";
+    const std::string offline = std::string(R"(["--offline", ")") + kWwpn + R"(", "--map", "mpatha"])";
+    const std::string online = std::string(R"(["--online", ")") + kWwpn + R"(", "--map", "mpatha"])";
+    {
+        DrainHost drain;
+        drain.answerChange(R"({"changed": ["sdb"], "unchanged": [], "refused": [], "failed": []})", 0);
+        RunResult r = runPlaybook(&drain.host, vars, false, kDrainPlaybook);
+        EXPECT_EQ(0, r.exitStatus) << r.describe();
+        EXPECT_EQ(drain.topologyCalls(), (std::vector<std::string>{offline, R"(["--json"])", online, R"(["--json"])"}));
+        EXPECT_THAT(r.out, HasSubstr("offline: 1, back online: 1"));
+        RecordProperty("playbook_output", r.out);  // for --gtest_output=xml readers
+        EXPECT_THAT(drain.host.readAgentFile("log/multipath.log"), HasSubstr("AGT0459I"));
+    }
+    {
+        DrainHost drain;
+        drain.answerChange(R"({"changed": [], "unchanged": [], "refused": [{"map": "mpatha"}], "failed": []})", 1);
+        RunResult r = runPlaybook(&drain.host, vars, false, kDrainPlaybook);
+        EXPECT_NE(0, r.exitStatus) << r.describe();
+        EXPECT_EQ(drain.topologyCalls(), std::vector<std::string>{offline});
+        EXPECT_THAT(r.out, HasSubstr("a map would lose its last usable path"));
+        EXPECT_THAT(drain.host.readAgentFile("log/multipath.log"), Not(HasSubstr("AGT0459I")));
+    }
+}
+
+}  // namespace
