@@ -116,6 +116,7 @@ std::string NamespaceHarness::script(const std::string& program, const std::vect
     const std::string bin = emptyInstall_ ? kPrefixAgent + "/bin/" : "/opt/ZOR/QLX/agent/bin/";
     // faketime's preload comes before the sanitizer runtime of an ASan build.
     s += "cd /\nset +e\nexport ASAN_OPTIONS=verify_asan_link_order=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}\n";
+    if (!umask_.empty()) s += "umask " + quote(umask_) + "\n";
     s += "PATH=\"$W/fakes:$PATH\" timeout -s KILL 240";
     if (!faketime_.empty()) s += " faketime -f " + quote(faketime_);
     s += " \"$W/launch\" " + quote(program[0] == '/' ? program : bin + program);

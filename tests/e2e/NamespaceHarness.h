@@ -52,6 +52,8 @@ public:
     std::string makeHostDir(const std::string& name);
     // Runs the program under faketime with this clock setting (such as "+0 x20").
     void useFaketime(const std::string& clock) { faketime_ = clock; }
+    // Runs the program with this umask (such as "000") instead of the test's own.
+    void useUmask(const std::string& mask) { umask_ = mask; }
 
     // Runs an installed program (or one given by its absolute path) with args.
     RunResult run(const std::vector<std::string>& args, const std::string& program = "PathPlanner");
@@ -70,6 +72,7 @@ private:
     std::vector<std::string> hidden_;
     std::vector<std::pair<std::string, std::string>> trees_;  // target, host dir
     std::string faketime_;
+    std::string umask_;
 };
 
 // Fixture base of the end-to-end tests: skips (never fails) where the namespace is refused.
