@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
@@ -27,8 +28,34 @@ const TraceAggregate naTraceAggregates[] = {
     {nullptr, nullptr},
 };
 
+namespace {
+
+// A value from the request or from another tool's output must not be able to start
+// a line of its own in the activity log or the trace, where it would read as a
+// genuine entry. Bytes from 0x80 up are left alone: they are text in a multibyte
+// locale.
+std::string escapeControls(const std::string& text) {
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (char c : text) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (byte == '\n') {
+            escaped += "\\n";
+        } else if (byte < 0x20 || byte == 0x7f) {
+            char hex[5];
+            snprintf(hex, sizeof(hex), "\\x%02X", byte);
+            escaped += hex;
+        } else {
+            escaped += c;
+        }
+    }
+    return escaped;
+}
+
+}  // namespace
+
 TraceText::TraceText(const std::string& text)
-    : text_(text.empty() ? std::string("<NULL>") : text.substr(0, kMaxTraceArg)) {}
+    : text_(text.empty() ? std::string("<NULL>") : escapeControls(text.substr(0, kMaxTraceArg))) {}
 
 TraceText::TraceText(const char* text) : TraceText(std::string(text ? text : "")) {}
 

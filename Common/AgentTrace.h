@@ -31,7 +31,9 @@ extern const TraceAggregate naTraceAggregates[];
 constexpr size_t kMaxTraceArg = 4604;
 
 // A string argument as traces and message inserts print it: an empty string as
-// "<NULL>", a longer one cut to its first kMaxTraceArg characters. The object
+// "<NULL>", a longer one cut to its first kMaxTraceArg characters, with a line
+// feed written as backslash-n and other control characters as backslash-x and two
+// hex digits, so that no argument can start a line of its own. The object
 // lives to the end of the full expression, so NA_STR(s) is safe in a call.
 class TraceText {
 public:

@@ -1,7 +1,11 @@
 #include "Common/LogManager.h"
 
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
@@ -22,6 +26,39 @@ constexpr int32_t kQuiet = 0;
 
 // Blank, full stop, three digits of milliseconds and blank around date and time.
 constexpr size_t kStampExtra = 6;
+
+// Other processes append to the same log. The look at its last byte and the append
+// must not see half of one of their entries (a long write grows the file page by
+// page), so both happen under an exclusive lock that every writer of the log takes.
+// Where locks are not supported the entry is written anyway.
+class ScopedFlock {
+public:
+    explicit ScopedFlock(FILE* stream) : fd_(stream ? fileno(stream) : -1) {
+        while (fd_ >= 0 && flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    ~ScopedFlock() {
+        if (fd_ >= 0) flock(fd_, LOCK_UN);
+    }
+    ScopedFlock(const ScopedFlock&) = delete;
+    ScopedFlock& operator=(const ScopedFlock&) = delete;
+
+private:
+    int fd_;
+};
+
+// A run cut off in the middle of an entry (a full file system, a kill) leaves the
+// log without its last line feed; the next entry must not be glued onto that half
+// line. Only a plain log ends where the next entry goes.
+bool endsMidLine(const LogFile& log) {
+    char last = '\n';
+    struct stat st;
+    const int fd = log.stream ? fileno(log.stream) : -1;
+    if (!log.wrapping && fd >= 0 && fstat(fd, &st) == 0 && st.st_size > 0) {
+        if (pread(fd, &last, 1, st.st_size - 1) != 1) last = '\n';
+    }
+    return last != '\n';
+}
 
 }  // namespace
 
@@ -49,7 +86,10 @@ int32_t LogManager::LogActivityLog(const char* msgBuf) {
             rc = RC_LOG_OPEN_FAILED;
         } else {
             // A lost line must not stop the tool: the write and close results stay unused.
-            writeEntry(msgBuf);
+            {
+                ScopedFlock entryLock(control_.stream);
+                writeEntry(msgBuf);
+            }
             CloseLogFile(control_.stream);
             control_.stream = nullptr;
             control_.wrapping = 0;
@@ -72,7 +112,8 @@ int32_t LogManager::writeEntry(const char* msgBuf) {
     utFormatTime(&local, tod, sizeof(tod));
     size_t msgLen = strlen(message);
     std::string entry;
-    entry.reserve(strlen(date) + strlen(tod) + msgLen + kStampExtra + 1);
+    entry.reserve(strlen(date) + strlen(tod) + msgLen + kStampExtra + 2);
+    if (endsMidLine(control_)) entry += '\n';
     char stamp[160];
     snprintf(stamp, sizeof(stamp), "%s %s.%03lu ", date, tod, static_cast<unsigned long>(now.tv_usec / 1000));
     entry.append(stamp).append(message, msgLen);

@@ -21,7 +21,9 @@ public:
 
     // Appends "<date> <time>.<ms> <msgBuf>" and a newline unless msgBuf ends in one:
     // RC_OK (also when the write itself failed), RC_LOG_NO_NAME (no name) or
-    // RC_LOG_OPEN_FAILED. A null msgBuf is an empty message. Takes the mutex.
+    // RC_LOG_OPEN_FAILED. A null msgBuf is an empty message. A log that does not end
+    // in a newline (a run cut off mid-entry) gets one first. Takes the mutex, and an
+    // exclusive flock on the file while it looks at the end and appends.
     int32_t LogActivityLog(const char* msgBuf);
     // Later lines go to newName; nothing is copied or closed. Takes the mutex.
     void setLogName(const std::string& newName);

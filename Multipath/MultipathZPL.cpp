@@ -1,5 +1,7 @@
 #include "Multipath/MultipathZPL.h"
 
+#include <algorithm>
+#include <cctype>
 #include <climits>
 #include <cstdlib>
 
@@ -32,6 +34,58 @@ constexpr size_t kDevIdOffset = 5;
 constexpr size_t kDevIdWidth = 6;
 
 const char* yesNo(bool value) { return value ? "TRUE" : "FALSE"; }
+
+const char* const kNameLabels[] = {"NAME:", "SERIAL:"};
+
+bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+// The blank-separated token that ends just before position at (after any blanks).
+std::string tokenBefore(const std::string& text, size_t at) {
+    size_t end = at;
+    while (end > 0 && isBlank(text[end - 1])) --end;
+    size_t start = end;
+    while (start > 0 && !isBlank(text[start - 1])) --start;
+    return text.substr(start, end - start);
+}
+
+bool isNameLabel(const std::string& token) {
+    std::string upper;
+    for (char c : token) upper += static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    for (const char* label : kNameLabels) {
+        if (upper == label) return true;
+    }
+    return false;
+}
+
+// Where name stands as a whole token that starts at or after from and ends before
+// end, and that nextOk accepts as the token's next character; npos when nowhere.
+template <typename NextOk>
+size_t findToken(const std::string& text, const std::string& name, size_t from, size_t end, NextOk nextOk) {
+    size_t at = name.empty() ? std::string::npos : text.find(name, from);
+    for (; at != std::string::npos && at + name.size() <= end; at = text.find(name, at + 1)) {
+        size_t next = at + name.size();
+        bool startsToken = at == 0 || isBlank(text[at - 1]);
+        if (startsToken && (next == text.size() || nextOk(text[next]))) return at;
+    }
+    return std::string::npos;
+}
+
+// A device counts only as the value of a name or serial label ("DEVICE NAME:",
+// "Serial:"), whole: "lundev1" is not a part of "lundev12", and a column value
+// such as "OPEN", "2145" or a disk "sdk" never picks a device.
+size_t findDeviceName(const std::string& text, const std::string& name) {
+    size_t at = findToken(text, name, 0, text.size(), isBlank);
+    while (at != std::string::npos && !isNameLabel(tokenBefore(text, at))) {
+        at = findToken(text, name, at + 1, text.size(), isBlank);
+    }
+    return at;
+}
+
+// The end of the device block that holds position at: the next device header.
+size_t blockEnd(const std::string& text, size_t at) {
+    size_t next = std::min(text.find(kDeviceHeader, at), text.find(kOldDeviceHeader, at));
+    return next == std::string::npos ? text.size() : next;
+}
 
 // Start of the line that holds position at (just behind its line feed).
 size_t lineStart(const std::string& text, size_t at) {
@@ -92,7 +146,7 @@ bool readInt(const std::string& text, int32_t* value) {
 
 IdLookup findDevId(const std::string& deviceQuery, const std::string& device) {
     IdLookup result;
-    size_t at = deviceQuery.find(device);
+    size_t at = findDeviceName(deviceQuery, device);
     if (at != std::string::npos) {
         // Newer lunctl releases print "DEV#", older ones "Dev#".
         size_t header = deviceQuery.rfind(kDeviceHeader, at);
@@ -108,9 +162,12 @@ IdLookup findDevId(const std::string& deviceQuery, const std::string& device) {
 
 IdLookup findPathId(const std::string& deviceQuery, const std::string& serial, const std::string& adapter) {
     IdLookup result;
-    size_t at = deviceQuery.find(serial);
+    size_t at = findDeviceName(deviceQuery, serial);
     if (at != std::string::npos) {
-        size_t adapterAt = deviceQuery.find(adapter, at);
+        // Only the device's own paths count, and the adapter as a whole name at the
+        // start of the path's column ("host2/sdb" for "host2", never "host20/sdx").
+        auto endsAdapter = [](char c) { return c == '/' || isBlank(c); };
+        size_t adapterAt = findToken(deviceQuery, adapter, at, blockEnd(deviceQuery, at), endsAdapter);
         result.outcome = Lookup::kNoAnchor;
         if (adapterAt != std::string::npos) {
             // A path line begins with the path number, before its adapter name.

@@ -30,9 +30,12 @@ struct IdLookup {
 // A C "%d" read: leading white space, an optional sign, digits. False when no digit
 // follows; values beyond 32 bits are clamped rather than left undefined.
 bool readInt(const std::string& text, int32_t* value);
-// The device number of the "DEV#" (else "Dev#") header before the device name.
+// The device number of the "DEV#" (else "Dev#") header before the device name. The
+// name counts only whole, as the value of a name or serial label.
 IdLookup findDevId(const std::string& deviceQuery, const std::string& device);
-// The number that starts the line of the first path on adapter after serial.
+// The number that starts the line of the first path on adapter after serial (found
+// as findDevId finds a name), within the device's own block: up to the next device
+// header. The adapter counts only whole; an empty adapter never matches (kNoAnchor).
 IdLookup findPathId(const std::string& deviceQuery, const std::string& serial, const std::string& adapter);
 // The adapter name on the WWPN's line of the WWPN query, up to its first ":".
 // False when the WWPN is not in the text.

@@ -30,8 +30,16 @@ if [ -d /sys/class/scsi_host ]; then
 
     while [ $retry -le 3 ]; do
         timestamp=$(date '+%s')
-        rm -f "/tmp/scsi$timestamp"
-        cp /proc/scsi/scsi "/tmp/scsi$timestamp"
+        snapshot="/tmp/scsi$timestamp"
+        # conv=excl creates the copy with O_EXCL: a name someone else holds
+        # (file, link, FIFO) is never written through, opened or removed; the
+        # pass compares with a copy in the shell instead.
+        if dd if=/proc/scsi/scsi of="$snapshot" conv=excl 2>/dev/null; then
+            before=""
+        else
+            snapshot=""
+            before=$(cat /proc/scsi/scsi)
+        fi
         for host in $hostList; do
             # A loop initialisation makes a Fibre Channel fabric present its LUNs again.
             if [ -f "/sys/class/fc_host/host$host/issue_lip" ]; then
@@ -39,8 +47,15 @@ if [ -d /sys/class/scsi_host ]; then
             fi
             echo "- - -" > "/sys/class/scsi_host/host$host/scan"
         done
-        diff "/tmp/scsi$timestamp" /proc/scsi/scsi > /dev/null 2>&1
-        if [ $? -eq 1 ]; then
+        # Status 1: the listing changed, a new LUN shows up.
+        if [ -n "$snapshot" ]; then
+            diff "$snapshot" /proc/scsi/scsi > /dev/null 2>&1
+            changed=$?
+        else
+            [ "$before" = "$(cat /proc/scsi/scsi)" ]
+            changed=$?
+        fi
+        if [ $changed -eq 1 ]; then
             retry=4
         else
             retry=$((retry + 1))
@@ -48,7 +63,9 @@ if [ -d /sys/class/scsi_host ]; then
                 sleep 10
             fi
         fi
-        rm -f "/tmp/scsi$timestamp"
+        if [ -n "$snapshot" ]; then
+            rm -f "$snapshot"
+        fi
     done
 else
     # 2.4 kernel: no scan file, so each address is offered to the SCSI midlayer.
@@ -100,6 +117,7 @@ else
                 done
             done
         done
+        # found is never reset: a new LUN in any pass ends the loop.
         echo "Found $found device(s)."
         if [ $found -ne 0 ]; then
             retry=4

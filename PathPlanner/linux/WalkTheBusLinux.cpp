@@ -17,12 +17,27 @@
 namespace {
 
 const char kRescanFilePrefix[] = "/tmp/rescanScript";
-// Decimal 755 is octal 1363 (sticky; owner wx, group rw, others wx), not 0755.
-// The value is deliberate: keep it decimal.
-constexpr mode_t kScriptMode = 755;
 constexpr uint32_t kSettleSeconds = 60;
 
+// The name is predictable and /tmp is shared, so whatever another user put there
+// first (a file they own and can rewrite, a FIFO that would block the open, a
+// link) is removed, and the script is created anew. O_EXCL makes the open fail,
+// never block, when something reappears under the name in between.
+int createExclusive(const std::string& path) {
+    unlink(path.c_str());
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRWXU);
+}
+
 }  // namespace
+
+#ifdef PP_PRIVATE_RESCAN_SCRIPT
+const mode_t kRescanScriptMode = S_IRWXU;
+#else
+// Decimal 755 is octal 1363 (sticky; owner wx, group rw, others wx), not 0755.
+// The value is deliberate: keep it decimal. It lets any local user rewrite the
+// script before it runs; PP_PRIVATE_RESCAN_SCRIPT builds it 0700 instead.
+const mode_t kRescanScriptMode = 755;
+#endif
 
 void waitThrough(std::chrono::milliseconds duration) {
     timespec left;
@@ -49,9 +64,7 @@ std::string WalkTheBusLinux::getRescanFile() {
 int32_t WalkTheBusLinux::writeScript() {
     NA_TRACE_ENTER("writeScript()");
     int32_t rc = RC_CANCELLED;
-    // O_NOFOLLOW: the name is predictable and /tmp is shared, so a link planted
-    // there must make the open fail rather than let root overwrite its target.
-    ScopedFd fd(open(rescanFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, S_IRWXU));
+    ScopedFd fd(createExclusive(rescanFile));
     if (fd.get() < 0) {
         NA_TRACE_MIN("%s Unable to create rescan script.\n", "writeScript()");
     } else if (!fd.writeAll(script_)) {
@@ -59,7 +72,7 @@ int32_t WalkTheBusLinux::writeScript() {
         NA_TRACE_MIN("%s Unable to write to rescan script.\n", "writeScript()");
     } else {
         // The mode goes on the open descriptor, so no second lookup of the name.
-        rc = fchmod(fd.get(), kScriptMode);
+        rc = fchmod(fd.get(), kRescanScriptMode);
         if (fd.close() != 0) {
             unlink(rescanFile.c_str());
             NA_TRACE_MIN("%s Unable to write to rescan script.\n", "writeScript()");

@@ -3,6 +3,8 @@
 #ifndef PATHPLANNER_LINUX_WALKTHEBUSLINUX_H
 #define PATHPLANNER_LINUX_WALKTHEBUSLINUX_H
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -22,6 +24,9 @@ void waitSeconds(uint32_t seconds);
 
 // The bash script that rescans the SCSI and Fibre Channel buses.
 extern const char kRescanScript[];
+// The mode the script gets: decimal 755 (octal 1363), or 0700 in a build with
+// PP_PRIVATE_RESCAN_SCRIPT.
+extern const mode_t kRescanScriptMode;
 
 class WalkTheBusLinux : public WalkTheBus {
 public:
@@ -34,8 +39,9 @@ public:
     // be set; the executor's result when the script fails; else the driver's
     // reconfiguration result. Without a driver there is no wait and no reconfiguration.
     int32_t walkTheBus() override;
-    // Writes the script to rescanFile, never through a symbolic link planted there:
-    // RC_OK, RC_CANCELLED (not created, or not written and removed) or -1 (mode).
+    // Writes the script to a new file at rescanFile that this process created
+    // exclusively, after removing whatever was there; never blocks. RC_OK,
+    // RC_CANCELLED (not created, or not written and removed) or -1 (mode).
     int32_t writeScript();
     // "/tmp/rescanScript" followed by this process's id.
     std::string getRescanFile();

@@ -81,6 +81,21 @@ TEST_F(AgentTraceTest, LongArgumentsAreCutToTheirFirst4604Characters) {
     EXPECT_STREQ("<NULL>", naCutInPlace(empty));
 }
 
+TEST_F(AgentTraceTest, ControlCharactersInArgumentsAreWrittenEscaped) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"lundev0", "lundev0"},
+        {"/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 3;mpatha", "/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 3;mpatha"},
+        {"Ger\xc3\xa4t \\n", "Ger\xc3\xa4t \\n"},  // multibyte text and a typed backslash stay as they are
+        {"a\n2099-01-01 00:00:00.000 AGT0430I", "a\\n2099-01-01 00:00:00.000 AGT0430I"},
+        {"cr\rtab\tbell\adel\x7f", "cr\\x0Dtab\\x09bell\\x07del\\x7F"},
+        {std::string("nul\0x", 5), "nul\\x00x"},
+        {"\n", "\\n"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.second, NA_STR(c.first)) << c.first;
+    // The cut comes first: an escape is never split.
+    EXPECT_EQ(std::string(4603, 'a') + "\\n", NA_STR(std::string(4603, 'a') + "\n\n"));
+}
+
 TEST_F(AgentTraceTest, SetUpFailuresReturnTheirCodes) {
     EXPECT_EQ(RC_OK, initTrace("", "MAX", 1024));
     EXPECT_EQ(0, trIsActive());

@@ -63,9 +63,9 @@ TEST(MultipathZPLTest, FindDevIdInBothHeaderStyles) {
         {kMixed, "lunA", Lookup::kFound, 4},
         {kMixed, "lunC", Lookup::kFound, 5},
         {kDevices, "lundev9", Lookup::kNoName, -1},
-        {"Total Devices : 1\nlundev0\n", "lundev0", Lookup::kNoAnchor, -1},
+        {"Total Devices : 1\nDEVICE NAME: lundev0\n", "lundev0", Lookup::kNoAnchor, -1},
         {"DEV#: n/a   DEVICE NAME: lundev0\n", "lundev0", Lookup::kNotANumber, -1},
-        {"xx DEV#", "DEV#", Lookup::kNotANumber, -1},  // header at the very end: nothing to read
+        {"NAME: DEV#", "DEV#", Lookup::kNotANumber, -1},  // header at the very end: nothing to read
     };
     for (const auto& c : cases) {
         zplText::IdLookup found = zplText::findDevId(c.text, c.device);
@@ -82,13 +82,77 @@ TEST(MultipathZPLTest, FindPathIdOnTheAdapterAfterTheDevice) {
         {kOlderDevices, "lundev1", "host2", Lookup::kFound, 1},
         {kDevices, "lundev12", "host3", Lookup::kNoAnchor, -1},  // no path on that adapter
         {kDevices, "lundev7", "host2", Lookup::kNoName, -1},
-        {kDevices, "lundev0", "", Lookup::kNotANumber, -1},  // no adapter: the device's own line
     };
     for (const auto& c : cases) {
         zplText::IdLookup found = zplText::findPathId(c.text, c.serial, c.adapter);
         EXPECT_EQ(c.outcome, found.outcome) << c.serial << " " << c.adapter;
         EXPECT_EQ(c.id, found.id) << c.serial << " " << c.adapter;
     }
+}
+
+// The listing without the block of device 1, and one whose last block comes first.
+std::string withoutBlock(const std::string& text, const std::string& header) {
+    size_t at = text.find(header), end = text.find("DEV#", at + 1);
+    return text.substr(0, at) + text.substr(end);
+}
+std::string rotated(const std::string& text, const std::string& header) {
+    size_t at = text.find(header), first = text.find("DEV#");
+    return text.substr(at) + text.substr(first, at - first);
+}
+
+TEST(MultipathZPLTest, DeviceNamesMatchOnlyWhole) {
+    const std::string only12 = withoutBlock(kDevices, "DEV#:   1");
+    const struct { std::string text; const char* device; int32_t id; } cases[] = {
+        {only12, "lundev1", -1},  // a prefix of lundev12
+        {only12, "lundev12", 12},
+        {kDevices, "lundev", -1},
+        {kDevices, "lundev1", 1},
+        {kDevices, "OPEN", -1},
+        {kDevices, "2145", -1},
+        {kDevices, "sdk", -1},
+        {kDevices, "host2/sdk", -1},
+        {kDevices, "Optimized", -1},
+        {kDevices, "0768018101BF28", -1},  // a serial fragment
+        {kDevices, "60050768018101BF280000000000003", -1},
+        {kDevices, "60050768018101BF2800000000000031", 12},
+        {kOlderDevices, "30612345", 1},
+        {kOlderDevices, "3061234", -1},
+        {kDevices, "", -1},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.id, zplText::findDevId(c.text, c.device).id) << "'" << c.device << "'";
+    }
+}
+
+TEST(MultipathZPLTest, PathsAreSoughtOnlyInTheDevicesOwnBlock) {
+    // lundev12 has paths on host2 only; the block after it has one on host3.
+    const std::string twelveFirst = rotated(kDevices, "DEV#:  12");
+    const std::string twelveOnly = withoutBlock(kDevices, "DEV#:   1");
+    const struct { std::string text; const char* serial; const char* adapter; Lookup outcome; int32_t id; } cases[] = {
+        {twelveFirst, "lundev12", "host3", Lookup::kNoAnchor, -1},
+        {twelveFirst, "lundev12", "host2", Lookup::kFound, 0},
+        {twelveFirst, "lundev2", "host3", Lookup::kFound, 1},
+        {twelveOnly, "lundev1", "host2", Lookup::kNoName, -1},
+        {kDevices, "lundev0", "", Lookup::kNoAnchor, -1},      // the WWPN query knew no adapter
+        {kDevices, "lundev0", "host", Lookup::kNoAnchor, -1},  // a prefix of host2
+        {kDevices, "lundev0", "sdb", Lookup::kNoAnchor, -1},
+        {kDevices, "60050768018101BF2800000000000023", "host3", Lookup::kFound, 1},
+        {kOlderDevices, "lundev0", "host3", Lookup::kFound, 1},
+        {kOlderDevices, "30612345", "host3", Lookup::kFound, 0},
+    };
+    for (const auto& c : cases) {
+        zplText::IdLookup found = zplText::findPathId(c.text, c.serial, c.adapter);
+        EXPECT_EQ(c.outcome, found.outcome) << c.serial << " '" << c.adapter << "'";
+        EXPECT_EQ(c.id, found.id) << c.serial << " '" << c.adapter << "'";
+    }
+}
+
+TEST(MultipathZPLTest, UnknownWwpnChangesNoPath) {
+    fakes::TraceCapture trace;
+    ScriptedZPL zpl;
+    EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, zpl.setState(kSettingOffline, "lundev0", {"20:00:00:00:c9:ff:ff:ff"}));
+    EXPECT_EQ((Lines{"lunctl query device", "lunctl query wwpn"}), zpl.ran);
+    EXPECT_THAT(trace.text(), HasSubstr("getPathId() No match for <NULL>\n"));
 }
 
 TEST(MultipathZPLTest, CompareVersions) {
@@ -185,7 +249,7 @@ TEST(MultipathZPLTest, QueriesRunOnceAndConversionFailureIsTraced) {
     EXPECT_EQ(-1, zpl.getDevId("lundev0"));
     EXPECT_EQ(1, zpl.getDevId("lundev1"));
     EXPECT_EQ(0, zpl.getPathId("lundev1", kHost3));
-    EXPECT_EQ(1, zpl.getPathId("lundev0", kHost3));
+    EXPECT_EQ(1, zpl.getPathId("lundev2", kHost3));
     EXPECT_EQ(2u, zpl.ran.size());
     EXPECT_THAT(trace.text(), HasSubstr("getDevId() Could not convert ' n/a  ' to an integer\n"));
 }

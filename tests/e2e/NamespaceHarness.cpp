@@ -121,6 +121,7 @@ std::string NamespaceHarness::script(const std::string& program, const std::vect
     const std::string bin = emptyInstall_ ? kPrefixAgent + "/bin/" : "/opt/ZOR/QLX/agent/bin/";
     // faketime's preload comes before the sanitizer runtime of an ASan build.
     s += "cd /\nset +e\nexport ASAN_OPTIONS=verify_asan_link_order=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}\n";
+    if (!umask_.empty()) s += "umask " + quote(umask_) + "\n";
     std::string command = "PATH=\"$W/fakes:$PATH\" env -u LC_ALL -u LC_MESSAGES -u LANG";
     for (const auto& [name, value] : env_) command += " " + quote(name + "=" + value);
     command += " timeout -s KILL 240";

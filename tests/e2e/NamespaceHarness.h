@@ -61,6 +61,8 @@ public:
     // person at a shell does; RunResult::out then holds everything it wrote, with the
     // terminal's "\r\n" line ends, and err is empty.
     void useTerminal() { terminal_ = true; }
+    // Runs the program with this umask (such as "000") instead of the test's own.
+    void useUmask(const std::string& mask) { umask_ = mask; }
 
     // Runs an installed program (or one given by its absolute path) with args.
     RunResult run(const std::vector<std::string>& args, const std::string& program = "PathPlanner");
@@ -82,6 +84,7 @@ private:
     std::vector<std::pair<std::string, std::string>> env_;  // name, value
     std::string faketime_;
     bool terminal_ = false;
+    std::string umask_;
 };
 
 // Fixture base of the end-to-end tests: skips (never fails) where the namespace is refused.

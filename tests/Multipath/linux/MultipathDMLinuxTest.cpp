@@ -67,7 +67,7 @@ TEST_F(MultipathDMLinuxTest, VersionFromPackageQuery) {
         {"multipath-tools\n", "multipath-tools is not installed\n", "", "multipath-tools is not installed",
          "version: multipath-tools is not installed\n"},
         {"multipath-tools-0.9.4-3\n", "multipath-tools-0.9.4-3\n", "warning: rpmdb is locked\n", "",
-         "Error getting Multipath version: warning: rpmdb is locked\n"},
+         "Error getting Multipath version: warning: rpmdb is locked\\n\n"},  // the line feed escaped
     };
     for (const auto& c : cases) {
         fakes::TraceCapture trace;

@@ -27,8 +27,8 @@ TEST(MultipathZPLLinuxTest, GetVersionOutcomes) {
     } cases[] = {
         {"ZORzpl-1.6.2.0-1\nsecond line\n", 0, "", "ZORzpl-1.6.2.0-1", "ZPL version: ZORzpl-1.6.2.0-1\n"},
         {"package ZORzpl is not installed\n", 1, "", "",
-         "Error getting ZPL version: package ZORzpl is not installed\n"},
-        {"", 1, "rpm: cannot open database\n", "", "Error getting ZPL version: rpm: cannot open database\n"},
+         "Error getting ZPL version: package ZORzpl is not installed\\n\n"},  // the output's line feed escaped
+        {"", 1, "rpm: cannot open database\n", "", "Error getting ZPL version: rpm: cannot open database\\n\n"},
         {"No device file found\n", 0, "", "", "ZPL incorrect version.  ZPL must be at version 1.6.1 or higher"},
         {"ZORzpl-1.6.2.0-1 Invalid argument\n", 0, "", "", "Error getting ZPL version: "},
     };

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 
 #include "tests/fakes/FakeTools.h"
 
@@ -35,24 +36,60 @@ protected:
     std::vector<uint32_t> sleeps_;
 };
 
-TEST_F(WalkTheBusLinuxTest, WritesWholeScriptWithDecimalMode) {
-    testfiles::writeFile(path_, std::string(10000, 'x'));  // a longer leftover is truncated
+TEST_F(WalkTheBusLinuxTest, WritesWholeScriptWithItsMode) {
+    testfiles::writeFile(path_, std::string(10000, 'x'));  // a longer leftover is replaced
     WalkTheBusLinux product(nullptr);
     EXPECT_EQ(path_, product.scriptPath());
     EXPECT_EQ(RC_OK, product.writeScript());
     EXPECT_EQ(kRescanScript, readFile(path_));
+    EXPECT_EQ(4349u, readFile(path_).size());
     struct stat info;
     ASSERT_EQ(0, stat(path_.c_str(), &info));
+#ifdef PP_PRIVATE_RESCAN_SCRIPT
+    EXPECT_EQ(0700u, info.st_mode & 07777);
+#else
     EXPECT_EQ(01363u, info.st_mode & 07777);  // decimal 755
+#endif
 }
 
-TEST_F(WalkTheBusLinuxTest, RefusesLinkPlantedAtScriptPath) {
+TEST_F(WalkTheBusLinuxTest, ReplacesWhateverAnotherUserPlanted) {
     testfiles::TempDir dir;
-    testfiles::writeFile(dir.file("victim"), "precious\n");
-    ASSERT_EQ(0, symlink(dir.file("victim").c_str(), path_.c_str()));
+    const std::string victim = dir.file("victim"), kept = "/tmp/rescanKept" + std::to_string(getpid());
+    // Each planter leaves something at the script path; a FIFO would block a plain open.
+    const std::pair<const char*, std::function<void()>> planters[] = {
+        {"link", [&] { EXPECT_EQ(0, symlink(victim.c_str(), path_.c_str())); }},
+        {"fifo", [&] { EXPECT_EQ(0, mkfifo(path_.c_str(), 0666)); }},
+        {"foreign file", [&] {
+             testfiles::writeFile(path_, "theirs\n");
+             if (geteuid() == 0) {
+                 EXPECT_EQ(0, chown(path_.c_str(), 65534, 65534));
+             }
+             EXPECT_EQ(0, link(path_.c_str(), kept.c_str()));
+         }},
+    };
+    alarm(30);  // a blocked open fails the test instead of hanging it
+    for (const auto& [label, plant] : planters) {
+        testfiles::writeFile(victim, "precious\n");
+        plant();
+        EXPECT_EQ(RC_OK, vehicle("echo scanned\n")->writeScript()) << label;
+        struct stat info;
+        ASSERT_EQ(0, lstat(path_.c_str(), &info)) << label;
+        EXPECT_TRUE(S_ISREG(info.st_mode)) << label;
+        EXPECT_EQ(geteuid(), info.st_uid) << label;
+        EXPECT_EQ("echo scanned\n", readFile(path_)) << label;
+        EXPECT_EQ("precious\n", readFile(victim)) << label;
+        unlink(path_.c_str());
+    }
+    alarm(0);
+    EXPECT_EQ("theirs\n", readFile(kept));  // their file was never written through
+    unlink(kept.c_str());
+}
+
+TEST_F(WalkTheBusLinuxTest, NameThatCannotBeFreedEndsTheWalk) {
+    ASSERT_EQ(0, mkdir(path_.c_str(), 0777));  // unlink cannot remove a directory
     fakes::TraceCapture trace;
     EXPECT_EQ(RC_CANCELLED, vehicle("echo must not run", 0)->walkTheBus());
-    EXPECT_EQ("precious\n", readFile(dir.file("victim")));
+    rmdir(path_.c_str());
     EXPECT_THAT(trace.text(), HasSubstr("writeScript() Unable to create rescan script.\n"));
     EXPECT_TRUE(sleeps_.empty());
 }
@@ -74,10 +111,10 @@ TEST_F(WalkTheBusLinuxTest, FailedWriteRemovesScript) {
 TEST_F(WalkTheBusLinuxTest, WalkResults) {
     // Each reconfiguration comes after a 60-second wait; -1: no driver.
     const struct { const char* script; int reconfigs; int32_t driverRc; int32_t rc; const char* trace; } cases[] = {
-        {"echo scanned", 1, RC_OK, RC_OK, "Rescan output: scanned\n"},
+        {"echo scanned", 1, RC_OK, RC_OK, "Rescan output: scanned\\n\n"},  // the output's line feed escaped
         {"echo scanned", 1, RC_DRIVER_CMD_FAILED, RC_DRIVER_CMD_FAILED, "Waiting 60 seconds for system refresh...\n"},
         {"echo scanned", -1, RC_OK, RC_OK, "Exit: walkTheBus(), rc = 0\n"},
-        {"echo partial; exit 1", 0, RC_OK, 1, "walkTheBus() Rescan output: partial\n"},
+        {"echo partial; exit 1", 0, RC_OK, 1, "walkTheBus() Rescan output: partial\\n\n"},
     };
     for (const auto& c : cases) {
         fakes::TraceCapture trace;

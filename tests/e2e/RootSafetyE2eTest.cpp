@@ -1,0 +1,253 @@
+// The installed tool, run as root, against a hostile local user (nobody, through
+// setpriv): names planted in /tmp before the rescan, a writer racing the script,
+// a request that forges log lines, an open umask, device names that would pick
+// the wrong LUN, and a log left cut off in the middle of an entry.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "PathPlanner/linux/WalkTheBusLinux.h"
+#include "gmock/gmock.h"
+#include "tests/e2e/NamespaceHarness.h"
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using testfiles::readFile;
+
+namespace {
+
+class RootSafetyE2eTest : public E2eTest {};
+
+const char kAsAttacker[] = "setpriv --reuid=65534 --regid=65534 --clear-groups bash -c ";
+const std::regex kEntryStart(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [A-Z]{3}\d{4}[IWE] )");
+
+std::string quote(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+// $p: the PathPlanner that runs this fake (see ActionsE2eTest).
+const char kFindPlanner[] = R"SH(p=$PPID
+while [ "$p" -gt 1 ] && [ "$(cat /proc/self/../$p/comm)" != PathPlanner ]; do
+  p=$(cut -d' ' -f4 /proc/self/../$p/stat)
+done
+)SH";
+
+// A rescan on a host without a multipath driver. The package query runs before the
+// rescan, so its fake starts the attack once, as the attacker, with the tool's pid
+// as $1; "/tmp/pp<Name>$1" names are the attacker's files, removed at the end. The
+// attacker cannot see the tool's process (the harness's /proc is private to root), so a
+// looping attack runs for a fixed time that outlasts the run, then touches ppDone.
+class AttackedRescan {
+public:
+    explicit AttackedRescan(const std::string& attack) {
+        testfiles::writeFile(host.makeHostDir("proc_scsi") + "/scsi", "Attached devices:\n");
+        testfiles::writeFile(scsi_ + "/scan", "");
+        host.placeTree("/proc/scsi", host.makeHostDir("proc_scsi"));
+        host.placeTree("/sys/class/scsi_host", host.makeHostDir("scsi_host"));
+        host.addFakeTool("sleep", "");
+        host.addFakeTool("rpm", "[ -s " + pidFile_ + " ] || {\n" + kFindPlanner + "echo $p > " + pidFile_ + "\n" +
+                                    kAsAttacker + quote(attack) + " attacker $p\n}\necho 'package is not installed'\nexit 1");
+        host.hideSbinTool("multipath");
+    }
+    ~AttackedRescan() {
+        for (const char* name : {"rescanScript", "/tmp/ppKept", "/tmp/ppStolen", "/tmp/ppOwned", "/tmp/ppDone"}) {
+            unlink((name[0] == '/' ? name : "/tmp/" + std::string(name)).append(pid()).c_str());
+        }
+    }
+    RunResult run() {
+        RunResult r = host.run({"-multipath", "5"});
+        EXPECT_EQ(0, r.exitStatus) << r.describe();
+        EXPECT_EQ("- - -\n", readFile(scsi_ + "/scan")) << "the scan ran";
+        return r;
+    }
+    std::string pid() const {
+        std::string text = readFile(pidFile_);
+        return text.substr(0, text.find('\n'));
+    }
+    std::string attackerFile(const std::string& name) const { return readFile("/tmp/pp" + name + pid()); }
+    // The script is root's own file, holding exactly the script text.
+    void expectOwnScript() const {
+        const std::string path = "/tmp/rescanScript" + pid();
+        struct stat info;
+        ASSERT_EQ(0, lstat(path.c_str(), &info)) << path;
+        ASSERT_TRUE(S_ISREG(info.st_mode)) << "a FIFO would block the read";
+        EXPECT_EQ(0u, info.st_uid);
+        EXPECT_EQ(kRescanScriptMode, info.st_mode & 07777);
+        EXPECT_EQ(kRescanScript, readFile(path));
+    }
+    // Waits until a looping attack wrote /tmp/ppDone<pid>.
+    void awaitAttackEnd() const {
+        for (int i = 0; i < 150 && !testfiles::fileExists("/tmp/ppDone" + pid()); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    }
+
+    NamespaceHarness host;
+
+private:
+    std::string scsi_ = host.makeHostDir("scsi_host/host0");
+    std::string pidFile_ = host.makeHostDir("planner") + "/pid";
+};
+
+TEST_F(RootSafetyE2eTest, FifoAtScriptNameNeitherBlocksNorLeaksTheScript) {
+    AttackedRescan rescan("mkfifo /tmp/rescanScript$1\n"
+                          "(timeout 20 cat /tmp/rescanScript$1 > /tmp/ppStolen$1 2>/dev/null &)");
+    auto start = std::chrono::steady_clock::now();
+    rescan.run();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+    EXPECT_EQ("", rescan.attackerFile("Stolen"));
+    rescan.expectOwnScript();
+}
+
+TEST_F(RootSafetyE2eTest, FileOwnedByAttackerAtScriptNameIsNeverWrittenOrRun) {
+    // The attacker keeps a second name for the planted file and keeps rewriting it.
+    AttackedRescan rescan("f=/tmp/rescanScript$1\necho theirs > $f; chmod 666 $f; ln $f /tmp/ppKept$1\n"
+                          "(for i in $(seq 300); do printf '#!/bin/sh\\ntouch /tmp/ppOwned%s\\n' $1 > /tmp/ppKept$1;"
+                          " done; touch /tmp/ppDone$1) &");
+    rescan.run();
+    rescan.awaitAttackEnd();
+    rescan.expectOwnScript();
+    EXPECT_THAT(rescan.attackerFile("Kept"), Not(HasSubstr("Rescan")));
+    EXPECT_FALSE(testfiles::fileExists("/tmp/ppOwned" + rescan.pid()));
+}
+
+TEST_F(RootSafetyE2eTest, SnapshotNameHeldByAttackerIsNotWrittenThrough) {
+    const std::string victim = "/tmp/ppVictim" + std::to_string(getpid());
+    testfiles::writeFile(victim, "precious\n");
+    // Two loops keep a link at this second's snapshot name, recreated as fast as they
+    // can, so that one also lands between a removal and a copy.
+    const std::string loop = "(end=$((EPOCHSECONDS + 6)); while [ $EPOCHSECONDS -lt $end ];"
+                             " do ln -sf " + victim + " /tmp/scsi$EPOCHSECONDS 2>/dev/null; done; touch /tmp/ppDone$1) &\n";
+    AttackedRescan rescan(loop + loop);
+    rescan.run();
+    rescan.awaitAttackEnd();
+    EXPECT_EQ("precious\n", readFile(victim));
+    rescan.expectOwnScript();
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator("/tmp", ignored)) {
+        if (entry.is_symlink() && std::filesystem::read_symlink(entry.path(), ignored) == victim) {
+            std::filesystem::remove(entry.path(), ignored);
+        }
+    }
+    unlink(victim.c_str());
+}
+
+TEST_F(RootSafetyE2eTest, WriterRacingThePrivateScriptNeverGetsIn) {
+#ifndef PP_PRIVATE_RESCAN_SCRIPT
+    GTEST_SKIP() << "the default script mode (decimal 755) lets any user rewrite the script; "
+                    "this race is closed only by -DPP_PRIVATE_RESCAN_SCRIPT=ON";
+#endif
+    // Rewrites the script whenever it exists, from before its creation until after the run.
+    AttackedRescan rescan("(f=/tmp/rescanScript$1; end=$((EPOCHSECONDS + 6)); while [ $EPOCHSECONDS -lt $end ]; do [ -f $f ] &&"
+                          " printf '#!/bin/sh\\ntouch /tmp/ppOwned%s\\n' $1 2>/dev/null > $f; done;"
+                          " touch /tmp/ppDone$1) &");
+    rescan.run();
+    rescan.awaitAttackEnd();
+    rescan.expectOwnScript();
+    EXPECT_FALSE(testfiles::fileExists("/tmp/ppOwned" + rescan.pid()));
+}
+
+TEST_F(RootSafetyE2eTest, OpenUmaskLeavesLogAndTraceUnwritableByOthers) {
+    NamespaceHarness host;
+    host.addFakeTool("rpm", "exit 1");
+    host.hideSbinTool("multipath");
+    host.useUmask("000");
+    RunResult r = host.run({"-debug", "MIN", "-multipath", "3;mpatha"});
+    EXPECT_EQ(169, r.exitStatus) << r.describe();
+    for (const char* name : {"log/multipath.log", "log/multipath.trace"}) {
+        struct stat info;
+        ASSERT_EQ(0, stat((host.agentDir() + "/" + name).c_str(), &info)) << name;
+        EXPECT_EQ(0644u, info.st_mode & 07777) << name;
+    }
+}
+
+TEST_F(RootSafetyE2eTest, LineFeedInRequestForgesNoLogEntry) {
+    NamespaceHarness host;
+    host.addFakeTool("rpm", "exit 1");
+    host.hideSbinTool("multipath");
+    const char forged[] = "2099-01-01 00:00:00.000 AGT0430I PathPlanner ended with 0";
+    RunResult r = host.run({"-debug", "MAX", "-multipath", std::string("3;a\n") + forged});
+    EXPECT_EQ(169, r.exitStatus) << r.describe();
+    const std::string log = host.readAgentFile("log/multipath.log");
+    EXPECT_THAT(log, HasSubstr(std::string("a\\n") + forged));
+    for (const std::string& line : testfiles::splitLines(log)) {
+        EXPECT_TRUE(std::regex_search(line, kEntryStart)) << line;
+        EXPECT_NE(0u, line.rfind("2099", 0)) << line;
+    }
+    for (const std::string& line : testfiles::splitLines(host.readAgentFile("log/multipath.trace"))) {
+        EXPECT_NE(0u, line.rfind("2099", 0)) << line;
+    }
+}
+
+TEST_F(RootSafetyE2eTest, EntryAfterCutOffRunStartsOnItsOwnLine) {
+    NamespaceHarness host;
+    host.addFakeTool("rpm", "exit 1");
+    host.hideSbinTool("multipath");
+    const char cut[] = "2024-03-15 10:00:00.000 AGT0430I PathPlanner ended with";
+    testfiles::writeFile(host.agentDir() + "/log/multipath.log", cut);
+    host.run({"-multipath", "3;mpatha"});
+    const std::vector<std::string> lines = testfiles::splitLines(host.readAgentFile("log/multipath.log"));
+    ASSERT_LE(3u, lines.size());
+    EXPECT_EQ(cut, lines[0]);
+    for (const std::string& line : lines) EXPECT_TRUE(std::regex_search(line, kEntryStart)) << line;
+    EXPECT_THAT(lines[1], HasSubstr("AGT0429I"));
+}
+
+// The vendor driver with lunctl answering from listings built out of the captured ones.
+class VendorHost {
+public:
+    explicit VendorHost(const std::string& devices) {
+        const std::string dir = host.makeHostDir("lunctl");
+        testfiles::writeFile(dir + "/query-device", devices);
+        testfiles::writeFile(dir + "/query-wwpn", testfiles::testData("Multipath/data/lunctl-query-wwpn.txt"));
+        host.addFakeTool("lunctl", "case \"$1\" in\n  query) cat " + dir + "/query-$2 ;;\n  set) exit 0 ;;\nesac");
+        host.addFakeTool("rpm", "case \"$*\" in\n  '-q ZORzpl') echo ZORzpl-1.6.2.0-1 ;;\n  -qa) ;;\n"
+                                "  *) echo \"package $2 is not installed\"; exit 1 ;;\nesac");
+        host.hideSbinTool("multipath");
+    }
+    NamespaceHarness host;
+};
+
+const char kHost2Wwpn[] = "10000000c95a3b10";
+const char kHost3Wwpn[] = "10000000c95a3b11";
+
+TEST_F(RootSafetyE2eTest, DeviceAndPathLookupsNeverPickAnotherLun) {
+    const std::string devices = testfiles::testData("Multipath/data/lunctl-query-device.txt");
+    const size_t one = devices.find("DEV#:   1"), two = devices.find("DEV#:   2"), twelve = devices.find("DEV#:  12");
+    const size_t first = devices.find("DEV#");
+    const std::string only12 = devices.substr(0, one) + devices.substr(two);
+    const std::string twelveFirst = devices.substr(twelve) + devices.substr(first, twelve - first);
+    const std::vector<std::string> queries = {"query device", "query wwpn"};
+    const struct {
+        std::string listing;
+        std::string request;
+        int exitStatus;
+        std::vector<std::string> lunctlCalls;
+    } cases[] = {
+        {only12, "2;lundev1", 170, {"query device"}},
+        {devices, "2;lundev", 170, {"query device"}},
+        {devices, "2;OPEN", 170, {"query device"}},
+        {devices, "2;2145", 170, {"query device"}},
+        {devices, "2;sdk", 170, {"query device"}},
+        {devices, "2;0768018101BF28", 170, {"query device"}},
+        {devices, "0;sdb;20000000c9ffffff", 170, {"query device"}},
+        {devices, "0;lundev0;20000000c9ffffff", 170, queries},
+        {twelveFirst, std::string("0;lundev12;") + kHost3Wwpn, 170, queries},
+        {twelveFirst, std::string("0;lundev12;") + kHost2Wwpn, 0,
+         {"query device", "query wwpn", "set device 12 path 0 offline"}},
+    };
+    for (const auto& c : cases) {
+        VendorHost vendor(c.listing);
+        RunResult r = vendor.host.run({"-multipath", c.request});
+        EXPECT_EQ(c.exitStatus, r.exitStatus) << c.request << ": " << r.describe();
+        EXPECT_EQ(c.lunctlCalls, vendor.host.toolCalls("lunctl")) << c.request;
+    }
+}
+
+}  // namespace
