@@ -20,8 +20,13 @@ void* operator new(size_t size) {
     if (void* block = malloc(size ? size : 1)) return block;
     throw std::bad_alloc();
 }
+// g++ pairs the free() below with the library's operator new, not with the replacement
+// above that really made the block, and warns of a mismatch that cannot happen.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 void operator delete(void* block) noexcept { free(block); }
 void operator delete(void* block, size_t) noexcept { free(block); }
+#pragma GCC diagnostic pop
 
 namespace {
 
