@@ -260,6 +260,12 @@ NLSMsg* buildMsg(uint16_t number, const char* raw) {
     return msg;
 }
 
+}  // namespace
+
+NLSMsg* nlBuildMsg(uint16_t number, const char* raw) { return buildMsg(number, raw); }
+
+namespace {
+
 NLSMsg* loadMsg(nl_catd cat, uint16_t number) {
     TR_PRINTF(TR_NLS, "Going to catgets() for localCatP = %p (%d)\n", static_cast<void*>(cat), number);
     errno = 0;
