@@ -20,5 +20,6 @@ for target in "${targets[@]}"; do
     mkdir -p "build-fuzz/corpus/$target"
     echo "== $target: ${seconds} s"
     "build-fuzz/tests/fuzz/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+        -artifact_prefix="build-fuzz/$target-" \
         "${dict[@]}" "build-fuzz/corpus/$target" "build-fuzz/seeds/$target"
 done
