@@ -58,9 +58,12 @@ bool typesAgree(uint8_t stored, uint8_t parsed) {
 }
 
 // A fast-path format goes to vsnprintf as it is, so only the conversions that
-// the message compiler emits there may appear in it.
+// the message compiler emits there may appear in it, and no more of them than a
+// message has inserts: a damaged entry with more would read arguments the caller
+// never passed, as widths among them.
 bool fastFormatValid(const char* format) {
     size_t avail = strlen(format);
+    size_t conversions = 0;
     for (size_t i = 0; i < avail; ++i) {
         if (format[i] != '%') continue;
         if (i + 1 < avail && format[i + 1] == '%') {
@@ -69,6 +72,7 @@ bool fastFormatValid(const char* format) {
         }
         NlConversion conv;
         if (!nlParseConversion(format + i, avail - i, &conv) || !isOneOf(conv.letter, "cdeEfgGiopsuxX")) return false;
+        if (++conversions > NL_MAX_INSERTS) return false;
         i += conv.length - 1;
     }
     return true;

@@ -75,4 +75,17 @@ TEST(NlDecodeTest, StandinsInHeaderFollowMask) {
     }
 }
 
+// A fast-path entry goes to vsnprintf whole: more conversions than a message has
+// inserts would read arguments nobody passed.
+TEST(NlDecodeTest, FastPathTakesAtMostFifteenConversions) {
+    std::string fifteen = "\x01";
+    for (int i = 0; i < 15; ++i) fifteen += "%.*d ";
+    NlCompiled msg;
+    EXPECT_TRUE(nlParseCompiled(fifteen.c_str(), fifteen.size(), &msg));
+    std::string sixteen = fifteen + "%d";
+    EXPECT_FALSE(nlParseCompiled(sixteen.c_str(), sixteen.size(), &msg));
+    std::string escaped = fifteen + "100%%";
+    EXPECT_TRUE(nlParseCompiled(escaped.c_str(), escaped.size(), &msg));
+}
+
 }  // namespace
