@@ -42,3 +42,10 @@ printf 'QLX Trace   1048500     1          ZOR Quillon 5.2.8.0   Build date: Nov
     >"$out/TraceReopenFuzz/trace-wrapped"
 printf 'LOGHEADERREC 120         8192       ZOR Quillon 5.2.8.0               Nov 24 2026\n\n2026-11-24 03:00:00 AGT0429I entry\n-------- END OF DATA --------\n\x00\x00\x01' \
     >"$out/TraceReopenFuzz/log"
+
+# Inputs that once failed stay in every run.
+for input in "$here"/tests/fuzz/regressions/*; do
+    [ -e "$input" ] || continue
+    name=$(basename "$input")
+    cp "$input" "$out/${name%%-*}/"
+done
