@@ -240,6 +240,8 @@ NLSMsg* buildMsg(uint16_t number, const char* raw) {
     std::string text(raw, length);
     char trailer[8];
     cutTrailer(&text, trailer);
+    // A trailer mark inside the identifier leaves no whole identifier behind.
+    if (text.size() <= letterAt) code = -1;
     if (code >= 0 && identifierKept(code) && letterAt > 7) text.erase(3, letterAt - 7);
     size_t bodyOffset = identifierKept(code) ? kPrefixLength : letterAt + 2;
     if (code < 0 || text.size() <= bodyOffset) {
