@@ -1,13 +1,25 @@
 #!/usr/bin/env bash
-# Fuzzes the device-mapper topology parser with libFuzzer for a bounded time.
-#   ./fuzz.sh [seconds]    (default 60)
+# Fuzzes every reader of outside or on-disk text with libFuzzer, each for a bounded time.
+#   ./fuzz.sh [seconds per target] [target...]    (default 24 s, all targets)
+# Corpora grow in build-fuzz/corpus/<target>; seeds come from tests/fuzz/seeds.sh.
 set -euo pipefail
 cd "$(dirname "$0")"
 ./deps.sh fuzz
-seconds=${1:-60}
+seconds=${1:-24}
+shift || true
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=(DMTopologyFuzz ZplQueryFuzz CmdLineFuzz MessageFuzz TraceReopenFuzz)
 cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
       -DPP_FUZZ=ON -DPP_BUILD_BENCH=OFF >/dev/null
-cmake --build build-fuzz -j"$(nproc)" --target DMTopologyFuzz
-mkdir -p build-fuzz/corpus
-build-fuzz/tests/fuzz/DMTopologyFuzz -max_total_time="$seconds" -dict=tests/fuzz/dm-topology.dict \
-    build-fuzz/corpus tests/Multipath/linux/data
+cmake --build build-fuzz -j"$(nproc)" --target catalogs "${targets[@]}"
+rm -rf build-fuzz/seeds
+tests/fuzz/seeds.sh build-fuzz/seeds build-fuzz/messages/en_US
+for target in "${targets[@]}"; do
+    dict=()
+    [ "$target" != DMTopologyFuzz ] || dict=(-dict=tests/fuzz/dm-topology.dict)
+    mkdir -p "build-fuzz/corpus/$target"
+    echo "== $target: ${seconds} s"
+    "build-fuzz/tests/fuzz/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+        -artifact_prefix="build-fuzz/$target-" \
+        "${dict[@]}" "build-fuzz/corpus/$target" "build-fuzz/seeds/$target"
+done

@@ -80,7 +80,7 @@ int32_t CmdExecer::runCommand() {
     if (cmdLine.empty()) {
         NA_TRACE_MIN("Nothing to execute.\n");
     } else {
-        NA_TRACE_MID("Executing command: %s\n", NA_STR(cmdLine));
+        NA_TRACE_MAX("Executing command: %s\n", NA_STR(cmdLine));
         int raw = system(cmdLine.c_str());
         if (raw == -1) {
             int err = errno;

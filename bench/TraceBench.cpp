@@ -1,6 +1,9 @@
 // Cost of trace records: a disabled class, and records with the full prefix to a
-// plain and to a wrapping file, beside fprintf plus fflush of the same text.
+// plain and to a wrapping file (alone, and shared with a second process writing to
+// it all the time), beside fprintf plus fflush of the same text.
 #include <benchmark/benchmark.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,14 +20,20 @@ void tagThisThread(char* banner, size_t bannerSize, char* tag, size_t tagSize) {
     trFormatThreadTag(static_cast<unsigned long>(psThreadNumber()), banner, bannerSize, tag, tagSize);
 }
 
-void startTrace(const std::string& path, uint32_t maxMB) {
+// Opens path as another process would, continuing what is there.
+void joinTrace(const std::string& path, uint32_t maxMB) {
     trEnd(1);
     trTerminate();
-    unlink(path.c_str());
     trInit(9, static_cast<unsigned long>(psThreadNumber()), tagThisThread);
     if (maxMB) trSetMaxMB(maxMB);
     trSetLibFlags("PID TID NLS", 1);
     trBegin(path.c_str(), 0);
+}
+
+void startTrace(const std::string& path, uint32_t maxMB) {
+    trEnd(1);
+    unlink(path.c_str());
+    joinTrace(path, maxMB);
 }
 
 void stopTrace(const std::string& path) {
@@ -59,6 +68,24 @@ void BM_WrappingFileRecord(benchmark::State& state) {
     stopTrace(path);
 }
 BENCHMARK(BM_WrappingFileRecord);
+
+// A second process keeps writing records to the same wrapping file meanwhile.
+void BM_WrappingFileRecordShared(benchmark::State& state) {
+    std::string path = kDir + "/trbench-shared.trc";
+    startTrace(path, 64);
+    pid_t other = fork();
+    if (other == 0) {
+        // Its own opening of the file, as a separately started process has.
+        joinTrace(path, 64);
+        for (;;) TR_PRINTF(TR_NLS, "other %d of %s\n", 42, "bench");
+    }
+    for (auto _ : state) TR_PRINTF(TR_NLS, "value %d of %s\n", 42, "bench");
+    state.SetItemsProcessed(state.iterations());
+    kill(other, SIGKILL);
+    waitpid(other, nullptr, 0);
+    stopTrace(path);
+}
+BENCHMARK(BM_WrappingFileRecordShared);
 
 // The same bytes as one plain-file record, written by hand with stdio.
 void BM_FprintfFflush(benchmark::State& state) {

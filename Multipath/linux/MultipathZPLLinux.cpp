@@ -28,7 +28,9 @@ std::string MultipathZPLLinux::formatWWPN(const std::string& wwpn) {
         formatted += ':';
     }
     // A short WWPN throws here on purpose: the caller reports it, nothing is guessed.
-    formatted += wwpn.substr(14);
+    // Only the last pair is taken, so a trailing blank or extra characters never
+    // reach lunctl's search.
+    formatted += wwpn.substr(14, 2);
     NA_TRACE_EXIT("Exit: %s, formattedWWPN = %s\n", "formatWWPN()", NA_STR(formatted));
     return formatted;
 }

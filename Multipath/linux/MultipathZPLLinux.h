@@ -17,8 +17,9 @@ public:
     // Runs cfglundev: RC_OK, RC_RECONFIG_NOT_RUN when it cannot run, or
     // RC_DRIVER_CMD_FAILED when it exits with any other status.
     int32_t performDynamicReconfiguration() override;
-    // "1234567890abcdef" becomes "12:34:56:78:90:ab:cd:ef". A WWPN shorter than 14
-    // characters throws std::out_of_range; the run flow catches it.
+    // "1234567890abcdef" becomes "12:34:56:78:90:ab:cd:ef"; characters after the
+    // sixteenth are dropped. A WWPN shorter than 14 characters throws
+    // std::out_of_range; the run flow catches it.
     std::string formatWWPN(const std::string& wwpn) override;
     // "rpm", "-q ZORzpl".
     std::vector<std::string> getVersionCommand() override;

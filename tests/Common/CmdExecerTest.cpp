@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "Common/AgentTrace.h"
 #include "gtest/gtest.h"
 #include "tests/support/TestFiles.h"
 
@@ -20,6 +21,19 @@ TEST(CmdExecerTest, CommandQuotesProgramAndAppendsToCaptureFiles) {
     };
     for (const auto& c : cases) EXPECT_EQ(c.command, CmdExecer(c.args, c.out, c.err, c.noQuote).getCommand());
     EXPECT_EQ(RC_NOT_RUN, CmdExecer({}).runCommand());
+}
+
+// Command lines are full detail: a MID trace leaves them out, a MAX trace has them.
+TEST(CmdExecerTest, CommandLineIsTracedAtMaxOnly) {
+    for (const char* level : {"MID", "MAX"}) {
+        testfiles::TempDir dir;
+        std::string path = dir.file("t.trace");
+        ASSERT_EQ(RC_OK, initTrace(path, level, 1024));
+        CmdExecer({"/bin/true"}, dir.file("o"), dir.file("e")).runCommand();
+        endTrace();
+        bool traced = testfiles::readFile(path).find("Executing command: \"/bin/true\"") != std::string::npos;
+        EXPECT_EQ(std::string(level) == "MAX", traced) << level;
+    }
 }
 
 TEST(CmdExecerTest, TemporaryCaptureFilesAreDistinctAndDeleted) {

@@ -2,6 +2,7 @@
 // records where the next record goes, records with the full prefix, continuation by
 // the next run, and wrapping in place at its maximum.
 #include <cstdlib>
+#include <map>
 #include <regex>
 #include <string>
 
@@ -67,6 +68,36 @@ TEST_F(TraceE2eTest, WrapsInPlaceAtItsMaximum) {
     EXPECT_LE(trace.size(), 1048576u);
     EXPECT_LT(offset(trace), trace.find(continued));
     EXPECT_EQ(kEndOfData, trace.substr(offset(trace), kEndOfData.size()));
+}
+
+// The records of one run, keyed by the process number in their prefix.
+std::map<std::string, size_t> recordsByProcess(const std::string& trace) {
+    std::map<std::string, size_t> counts;
+    const std::regex prefix(R"(\d\d:\d\d:\d\d\.\d{3} \[(\d{6,})\] \[\d+\] : )");
+    for (std::sregex_iterator it(trace.begin(), trace.end(), prefix), end; it != end; ++it) ++counts[(*it)[1]];
+    return counts;
+}
+
+// Ten runs started at once share the trace file: each keeps as many records as a run
+// on its own writes, and each says that its trace began.
+TEST_F(TraceE2eTest, TenConcurrentRunsKeepEveryRecord) {
+    ASSERT_EQ(5, traceRun().exitStatus);
+    const std::map<std::string, size_t> alone = recordsByProcess(host_.readAgentFile(kTrace));
+    ASSERT_EQ(1u, alone.size());
+    const size_t perRun = alone.begin()->second;
+
+    NamespaceHarness shared;
+    const std::string runs =
+        "for i in 1 2 3 4 5 6 7 8 9 10; do /opt/ZOR/QLX/agent/bin/PathPlanner -debug MAX -multipath '7;dev1' & done; "
+        "wait";
+    ASSERT_EQ(0, shared.run({"-c", runs}, "/bin/sh").exitStatus);
+    const std::string trace = shared.readAgentFile(kTrace);
+    const std::map<std::string, size_t> counts = recordsByProcess(trace);
+    EXPECT_EQ(10u, counts.size());
+    for (const auto& [pid, records] : counts) EXPECT_EQ(perRun, records) << "process " << pid;
+    size_t begun = 0;
+    for (size_t at = trace.find("Trace begun."); at != std::string::npos; at = trace.find("Trace begun.", at + 1)) ++begun;
+    EXPECT_EQ(10u, begun);
 }
 
 }  // namespace

@@ -27,6 +27,9 @@ constexpr size_t NL_HDR_SIZE = 6;
 constexpr size_t NL_MAX_INSERTS = 15;
 // Each insert, and a whole fast-path message, is formatted into this many bytes.
 constexpr size_t NL_SCRATCH_SIZE = 2302;
+// Largest width or precision a stored conversion may give; larger ones mark the
+// entry corrupt. The insert is cut to the scratch size in any case.
+constexpr size_t NL_MAX_FIELD_SIZE = NL_SCRATCH_SIZE;
 
 // How an argument is fetched from the caller's argument list. Strings and other
 // pointers are fetched pointer-sized, so a 64-bit host reads them whole.
@@ -50,7 +53,8 @@ struct NlConversion {
 
 // Parses the conversion at text[0] == '%' within avail characters. A positional
 // "N$" is not accepted here. Returns true for a conversion that takes an argument
-// of a known type ("%%" and "%n" are not such conversions).
+// of a known type ("%%" and "%n" are not such conversions) whose width and
+// precision are at most NL_MAX_FIELD_SIZE.
 bool nlParseConversion(const char* text, size_t avail, NlConversion* out);
 
 // A checked compiled message: views into the decoded text it was built from,

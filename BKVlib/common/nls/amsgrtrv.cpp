@@ -240,6 +240,8 @@ NLSMsg* buildMsg(uint16_t number, const char* raw) {
     std::string text(raw, length);
     char trailer[8];
     cutTrailer(&text, trailer);
+    // A trailer mark inside the identifier leaves no whole identifier behind.
+    if (text.size() <= letterAt) code = -1;
     if (code >= 0 && identifierKept(code) && letterAt > 7) text.erase(3, letterAt - 7);
     size_t bodyOffset = identifierKept(code) ? kPrefixLength : letterAt + 2;
     if (code < 0 || text.size() <= bodyOffset) {
@@ -259,6 +261,12 @@ NLSMsg* buildMsg(uint16_t number, const char* raw) {
     if (result == kNoMemory) setPending("KRN0109E Insufficient memory for allocation of message structure.\n");
     return msg;
 }
+
+}  // namespace
+
+NLSMsg* nlBuildMsg(uint16_t number, const char* raw) { return buildMsg(number, raw); }
+
+namespace {
 
 NLSMsg* loadMsg(nl_catd cat, uint16_t number) {
     TR_PRINTF(TR_NLS, "Going to catgets() for localCatP = %p (%d)\n", static_cast<void*>(cat), number);

@@ -87,6 +87,11 @@ public:
     static void DeleteList(NLSMsg** list, NLSMsg* nlsMsgP);
 };
 
+// Turns one stored catalogue text into a cache entry as a lookup does: null when
+// the text is corrupt (the reason kept for the next report) or memory ran out. The
+// caller frees the entry with free().
+NLSMsg* nlBuildMsg(uint16_t number, const char* raw);
+
 // The process's repository object (never null).
 nlsObject_t* nlsObject();
 // The NLS mutex; null before the first nlsInit.

@@ -2,6 +2,7 @@
 // destinations, the end of tracing and the reports.
 #include "BKVlib/common/ut/trace.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -71,12 +72,16 @@ void setAll(const TraceClass* table, unsigned char value) {
 int32_t applyList(const char* text, bool enables, int32_t quiet, const TraceClass* classes,
                   const TraceAggregate* aggregates, int depth);
 
+bool isNegated(const std::string& given) { return !given.empty() && given[0] == '-'; }
+
+// The name a word looks up and is reported by: upper-cased, without its negation.
+std::string flagName(const std::string& given) { return upperWord(isNegated(given) ? given.substr(1) : given); }
+
 // One word of a flag list; false for an unknown word.
 bool applyWord(const std::string& given, bool enables, int32_t quiet, const TraceClass* classes,
                const TraceAggregate* aggregates, int depth) {
-    std::string word = upperWord(given);
-    bool negated = !word.empty() && word[0] == '-';
-    if (negated) word.erase(0, 1);
+    std::string word = flagName(given);
+    bool negated = isNegated(given);
     unsigned char value = (enables && !negated) ? 1 : 0;
     const TraceAggregate* aggregate = findAggregate(aggregates, word);
     const TraceClass* row = findClass(classes, word);
@@ -104,7 +109,7 @@ int32_t applyList(const char* text, bool enables, int32_t quiet, const TraceClas
         size_t end = list.find_first_of(blanks, pos);
         std::string word = list.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
         if (!applyWord(word, enables, quiet, classes, aggregates, depth)) {
-            if (!quiet && depth == 0) printf("Invalid trace flag: %s\n", upperWord(word).c_str());
+            if (!quiet && depth == 0) printf("Invalid trace flag: %s\n", flagName(word).c_str());
             rc = -1;
         }
         pos = end == std::string::npos ? end : list.find_first_not_of(blanks, end);
@@ -230,49 +235,47 @@ bool reusable(const WrapHeader& header, off_t size) {
            static_cast<off_t>(header.nextWrite) <= size;
 }
 
-// Continues an earlier wrapping trace in place when it was written for this limit.
-FILE* reuseWrapFile() {
-    FILE* file = fopen(trState.fileName.c_str(), "r+e");
-    if (!file) return nullptr;
+// Continues the earlier wrapping trace in file when it was written for this limit.
+bool reuseWrapFile(FILE* file) {
     struct stat info {};
     fstat(fileno(file), &info);
     WrapHeader header = readWrapHeader(file);
-    if (!reusable(header, info.st_size)) {
-        fclose(file);
-        return nullptr;
-    }
-    trState.stream = file;
+    if (!reusable(header, info.st_size)) return false;
     trState.dataStart = static_cast<uint32_t>(header.lineLength);
     trState.nextWrite = header.nextWrite;
     char rest[128];
     int n = snprintf(rest, sizeof(rest), kWrapHeaderRest, static_cast<unsigned long>(trState.maxMB), PP_BUILD_DATE);
-    if (pwrite(fileno(file), rest, static_cast<size_t>(n), kOffsetFieldEnd) != n) trState.stream = nullptr;
-    if (!trState.stream) fclose(file);
-    return trState.stream;
+    return pwrite(fileno(file), rest, static_cast<size_t>(n), kOffsetFieldEnd) == n;
 }
 
-FILE* createWrapFile() {
-    FILE* file = fopen(trState.fileName.c_str(), "w+e");
-    if (!file) return nullptr;
+bool createWrapFile(FILE* file) {
     std::string header = std::string(kWrapTag) + kOffsetPlaceholder;
     char rest[128];
     snprintf(rest, sizeof(rest), kWrapHeaderRest, static_cast<unsigned long>(trState.maxMB), PP_BUILD_DATE);
     header += rest;
     header += "\n";
-    if (pwrite(fileno(file), header.data(), header.size(), 0) != static_cast<ssize_t>(header.size())) {
-        fclose(file);
-        return nullptr;
+    // Only a regular file has old contents to drop; a device such as /dev/null has none.
+    struct stat info {};
+    bool regular = fstat(fileno(file), &info) == 0 && S_ISREG(info.st_mode);
+    if ((regular && ftruncate(fileno(file), 0) != 0) ||
+        pwrite(fileno(file), header.data(), header.size(), 0) != static_cast<ssize_t>(header.size())) {
+        return false;
     }
-    trState.stream = file;
     trState.dataStart = trState.nextWrite = static_cast<uint32_t>(header.size());
     trWrapStoreOffset();
+    return true;
+}
+
+// Opened without truncating: other processes may be writing to the file, and
+// whether it is continued or started anew is decided under its lock.
+FILE* openWrapFile() {
+    int fd = open(trState.fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    FILE* file = fd >= 0 ? fdopen(fd, "r+") : nullptr;
+    if (fd >= 0 && !file) close(fd);
     return file;
 }
 
-int32_t beginWrapFile() {
-    FILE* file = trState.segCount < 2 ? reuseWrapFile() : nullptr;
-    if (!file) file = createWrapFile();
-    if (!file) return openFailed(trState.fileName);
+int32_t writeFirstRecord() {
     int32_t rc = 0;
     if (trState.continuing) {
         char text[80];
@@ -285,6 +288,25 @@ int32_t beginWrapFile() {
         if (rc >= 0) rc = trWrapPut(kBegunText, n);
         if (rc >= 0) rc = trWrapStoreOffset();
     }
+    return rc;
+}
+
+int32_t beginWrapFile() {
+    FILE* file = openWrapFile();
+    bool ready = false;
+    int32_t rc = 0;
+    if (file) {
+        ++trState.fileGeneration;
+        trState.stream = file;
+        TraceFileLock fileHold(file);
+        ready = (trState.segCount < 2 && reuseWrapFile(file)) || createWrapFile(file);
+        if (ready) rc = writeFirstRecord();
+    }
+    if (file && !ready) {
+        trState.stream = nullptr;
+        fclose(file);
+    }
+    if (!ready) return openFailed(trState.fileName);
     if (rc < 0) trDisableAfterWriteFailure(0, errno);
     // A failed first write has already ended tracing; the open itself worked.
     return 0;
@@ -328,10 +350,9 @@ int32_t openDestination(const std::string& name, int32_t announce) {
 
 void closeWrapFile(FILE* file) {
     if (trState.wrapping && !trState.continuing) {
-        ssize_t n = static_cast<ssize_t>(strlen(kTrCloseMarker));
-        if (pwrite(fileno(file), kTrCloseMarker, static_cast<size_t>(n), trState.nextWrite) != n) {
-            // The close below reports the failure that matters.
-        }
+        TraceFileLock fileHold(file);
+        // The close below reports the failure that matters.
+        trWrapPutMarker(kTrCloseMarker, strlen(kTrCloseMarker));
     }
 }
 
@@ -343,6 +364,7 @@ void closeDestination() {
     FILE* file = trState.stream;
     if (trIsFileStream(file)) {
         closeWrapFile(file);
+        ++trState.fileGeneration;
         if (fclose(file) != 0) {
             printf("Unable to close trace output file %s: %s \n", trState.fileName.c_str(), strerror(errno));
         }
@@ -380,6 +402,7 @@ void queryHeading(int32_t kind) {
 }  // namespace
 
 int32_t trInit(int32_t clientType, unsigned long threadId, ThreadTagFn threadTagFn) {
+    ErrnoSaver keepErrno;
     if (trState.initialised) return 0;
     clearClassFlags();
     int32_t rc = pkCreateMutex(&trState.stateMutex);
@@ -420,6 +443,7 @@ int32_t trSetLibFlags(const char* text, int32_t quiet) {
 }
 
 int32_t trSetMaxMB(uint32_t mb) {
+    ErrnoSaver keepErrno;
     if (mb == 0) {
         trState.wrapping = 0;
         trState.maxMB = 0;
@@ -437,6 +461,7 @@ int32_t trSetMaxMB(uint32_t mb) {
 }
 
 int32_t trSetSegSizeMB(uint32_t mb) {
+    ErrnoSaver keepErrno;
     if (mb != 0) {
         computeSegments(mb);
     } else {
@@ -450,6 +475,7 @@ int32_t trSetSegSizeMB(uint32_t mb) {
 }
 
 int32_t trSetFileName(const char* name) {
+    ErrnoSaver keepErrno;
     if (!name || !*name || strlen(name) > TR_MAX_NAME) {
         nlIssue(236, NL_STDOUT | NL_ERRORLOG, name ? name : "");
         return -1;
@@ -520,6 +546,7 @@ int32_t trEnd(int32_t close) {
 }
 
 int32_t trTerminate() {
+    ErrnoSaver keepErrno;
     {
         ReentrantHold wrapHold(trState.wrapMutex);
         ReentrantHold stateHold(trState.stateMutex);
@@ -548,6 +575,7 @@ int32_t trIsActive() {
 }
 
 int32_t trQuery(int32_t kind, char* buffer) {
+    ErrnoSaver keepErrno;
     if (!buffer && !trIsActive()) return 0;
     char line[TR_PATH_BUFFER_SIZE + 64];
     snprintf(line, sizeof(line), "  TRACEFILE:    %s\n", trState.givenName.c_str());
@@ -577,6 +605,7 @@ int32_t trQuery(int32_t kind, char* buffer) {
 }
 
 void trShowTables() {
+    ErrnoSaver keepErrno;
     std::string out = "Trace Class Table:\n";
     for (const TraceClass* row = trLibClasses; row->name; ++row) {
         if (row != trLibClasses) out += ", ";
@@ -590,6 +619,7 @@ void trShowTables() {
 }
 
 void trLogEnabledClasses() {
+    ErrnoSaver keepErrno;
     std::string out = "Current trace classes enabled: ";
     std::string names;
     for (const TraceClass* row = trLibClasses; row->name; ++row) {
@@ -610,6 +640,7 @@ void trLogEnabledClasses() {
 void trSetStatusLogPrefix(int32_t on) { gStatusLogPrefix = on; }
 
 int32_t trStatusLog(const char* directory, const char* fileName, char* resultPath) {
+    ErrnoSaver keepErrno;
     if (!directory || !fileName) return RC_MISSING_ARG;
     int32_t rc = 0;
     if (gStatusLogRunning) {

@@ -1,7 +1,9 @@
 // The runtime library's trace facility: named classes switched on by flag lists,
 // records with a prefix (time, pid, thread, source file and line) written to one
 // destination (plain, wrapping or segmented file, standard output or error, console).
-// One process-wide state, guarded by its state mutex; wrapping files by the wrap mutex.
+// One process-wide state, guarded by its state mutex; wrapping files by the wrap mutex
+// within the process and by a lock on the file between processes that share it.
+// No function here changes the errno its caller sees.
 #ifndef BKVLIB_COMMON_UT_TRACE_H
 #define BKVLIB_COMMON_UT_TRACE_H
 

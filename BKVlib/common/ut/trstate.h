@@ -45,6 +45,10 @@ struct TraceState {
     ConsoleSink consoleSink = nullptr;
     void* consoleContext = nullptr;
     std::atomic<ThreadTagFn> threadTagFn{nullptr};
+    // Cross-process lock on the wrapping file: how deeply this thread holds it and
+    // which opening of the file it was taken on (both under wrapMutex).
+    int32_t fileLockDepth = 0;
+    uint32_t fileGeneration = 0;
 };
 
 extern TraceState trState;
@@ -81,6 +85,36 @@ private:
     bool acquired_;
 };
 
+// Holds the open trace file's lock against other processes for one record and its
+// offset update, with the offset other writers left rereaded on the way in. The
+// caller holds wrapMutex; nested holds (a wrap inside a record, a first record
+// inside the opening) share the outermost one.
+class TraceFileLock {
+public:
+    explicit TraceFileLock(FILE* stream);
+    ~TraceFileLock();
+    TraceFileLock(const TraceFileLock&) = delete;
+    TraceFileLock& operator=(const TraceFileLock&) = delete;
+
+private:
+    int fd_ = -1;
+    uint32_t generation_ = 0;
+    bool outermost_ = false;
+};
+
+// Plain files: the record is appended under the file's lock, so that a record cut
+// into several writes by the stream still lands in one piece.
+class AppendLock {
+public:
+    explicit AppendLock(FILE* stream);
+    ~AppendLock();
+    AppendLock(const AppendLock&) = delete;
+    AppendLock& operator=(const AppendLock&) = delete;
+
+private:
+    int fd_;
+};
+
 // The record prefix's date and time texts in the process's date and time formats
 // (the agent's: "%Y-%m-%d", "%H:%M:%S").
 void trFormatDateTime(time_t seconds, char* date, size_t dateSize, char* timeText, size_t timeSize);
@@ -92,6 +126,12 @@ uint32_t trWrapLimitMB();
 int32_t trWrapPut(const char* text, size_t length);
 // Writes the next-write offset into the header's offset field.
 int32_t trWrapStoreOffset();
+// Takes over the next-write offset recorded in the header when it lies inside the
+// data area; another process sharing the file may have moved it.
+void trWrapRereadOffset();
+// Writes text at nextWrite, cut to the room left under the limit; no advance. For
+// the markers that follow the last record.
+int32_t trWrapPutMarker(const char* text, size_t length);
 // Makes room for length bytes: wraps to dataStart (or to the next segment).
 int32_t trWrapCheck(size_t length);
 // A record on the wrapping file: check, text, offset, end marker.

@@ -1,5 +1,6 @@
 // Record side of the trace facility: formatting a record, its line prefix, the
 // writers for each destination (the wrapping-file writer among them) and the dumps.
+#include <sys/file.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -19,9 +20,12 @@
 
 namespace {
 
-// Bytes between a record's end and the limit that a wrap keeps free: the end
-// marker plus the line that says where the trace continues.
-constexpr size_t kWrapSlack = 17;
+// Bytes a record leaves free under the limit for whatever may follow it: the end
+// marker (14), the close marker (22) or the line that says where the trace
+// continues (33, or up to 46 with a segment number). A file that ends up even a
+// byte over its limit is not continued by the next start, so the room is kept for
+// the longest of them.
+constexpr size_t kWrapSlack = 48;
 constexpr size_t kBannerReserve = 68;
 constexpr size_t kMaxRecord = 64u * 1024u * 1024u;
 constexpr size_t kWideBuffer = 4861;
@@ -138,6 +142,7 @@ bool endsInNewline(const char* format) {
 
 // Standard streams and plain files: one locked write of prefix and text, flushed.
 int32_t streamWrite(FILE* stream, const char* prefix, size_t prefixLength, const char* text, size_t length) {
+    AppendLock fileHold(stream);
     flockfile(stream);
     bool ok = fwrite_unlocked(prefix, 1, prefixLength, stream) == prefixLength;
     ok = fwrite_unlocked(text, 1, length, stream) == length && ok;
@@ -180,6 +185,7 @@ int32_t emitBanner(const char* banner) {
     size_t length = strlen(banner);
     if (trState.wrapping && trIsFileStream(trState.stream)) {
         ReentrantHold hold(trState.wrapMutex);
+        TraceFileLock fileHold(trState.stream);
         if (trWrapCheck(kBannerReserve) < 0) return -1;
     }
     return emit("", 0, banner, length, 0);
@@ -290,6 +296,16 @@ ReentrantHold::~ReentrantHold() {
 
 namespace {
 
+int lockFile(int fd, int operation) {
+    int rc;
+    do {
+        rc = flock(fd, operation);
+    } while (rc != 0 && errno == EINTR);
+    return rc;
+}
+
+uint64_t wrapLimitBytes() { return static_cast<uint64_t>(trWrapLimitMB()) * kTrMiB; }
+
 void copyBounded(char* out, size_t outSize, const char* text) {
     if (outSize == 0) return;
     size_t n = strnlen(text, outSize - 1);
@@ -298,6 +314,31 @@ void copyBounded(char* out, size_t outSize, const char* text) {
 }
 
 }  // namespace
+
+TraceFileLock::TraceFileLock(FILE* stream) : outermost_(trState.fileLockDepth == 0) {
+    ++trState.fileLockDepth;
+    if (!outermost_ || !trIsFileStream(stream)) return;
+    fd_ = fileno(stream);
+    generation_ = trState.fileGeneration;
+    // A file system without locks still gets the record, unserialised as before.
+    if (lockFile(fd_, LOCK_EX) != 0) fd_ = -1;
+    trWrapRereadOffset();
+}
+
+TraceFileLock::~TraceFileLock() {
+    --trState.fileLockDepth;
+    // A failed write may have closed the file meanwhile, and its descriptor number
+    // may already belong to another file.
+    if (fd_ >= 0 && generation_ == trState.fileGeneration) lockFile(fd_, LOCK_UN);
+}
+
+AppendLock::AppendLock(FILE* stream) : fd_(trIsFileStream(stream) ? fileno(stream) : -1) {
+    if (fd_ >= 0 && lockFile(fd_, LOCK_EX) != 0) fd_ = -1;
+}
+
+AppendLock::~AppendLock() {
+    if (fd_ >= 0) lockFile(fd_, LOCK_UN);
+}
 
 void trFormatDateTime(time_t seconds, char* date, size_t dateSize, char* timeText, size_t timeSize) {
     // localtime_r takes a lock and reads the zone each time; records within one
@@ -347,6 +388,32 @@ int32_t trWrapStoreOffset() {
     return stream ? writeAt(fileno(stream), &part, 1, 12) : -1;
 }
 
+void trWrapRereadOffset() {
+    FILE* stream = trState.stream;
+    char field[12];
+    if (!stream || pread(fileno(stream), field, sizeof(field), 12) != static_cast<ssize_t>(sizeof(field))) return;
+    uint64_t value = 0;
+    size_t digits = 0;
+    while (digits < sizeof(field) && isdigit(static_cast<unsigned char>(field[digits]))) {
+        value = value * 10 + static_cast<uint64_t>(field[digits++] - '0');
+    }
+    bool blanksAfter = true;
+    for (size_t i = digits; i < sizeof(field); ++i) blanksAfter = blanksAfter && field[i] == ' ';
+    if (digits > 0 && blanksAfter && value >= trState.dataStart && value <= wrapLimitBytes()) {
+        trState.nextWrite = static_cast<uint32_t>(value);
+    }
+}
+
+int32_t trWrapPutMarker(const char* text, size_t length) {
+    FILE* stream = trState.stream;
+    uint64_t limit = wrapLimitBytes();
+    uint64_t room = trState.nextWrite < limit ? limit - trState.nextWrite : 0;
+    struct iovec part = {const_cast<char*>(text), length < room ? length : static_cast<size_t>(room)};
+    errno = 0;
+    if (!stream) return -1;
+    return part.iov_len == 0 ? 0 : writeAt(fileno(stream), &part, 1, trState.nextWrite);
+}
+
 int32_t trWrapCheck(size_t length) {
     double neededMB = (static_cast<double>(trState.nextWrite) + static_cast<double>(length) + kWrapSlack) / kTrMiB;
     if (neededMB <= trWrapLimitMB()) return 0;
@@ -357,7 +424,9 @@ int32_t trWrapCheck(size_t length) {
     } else {
         snprintf(text, sizeof(text), "\nContinued at beginning of file\n\n");
     }
-    if (trWrapPut(text, strlen(text)) != 0) return -1;
+    // An offset taken over from an earlier file may sit closer to the limit than
+    // this tool leaves it; the line is then cut rather than the file grown.
+    if (trWrapPutMarker(text, strlen(text)) != 0) return -1;
     trState.nextWrite = trState.dataStart;
     if (trState.segCount >= 2) switchSegment();
     return 0;
@@ -367,6 +436,7 @@ int32_t trWrapWrite(const char* prefix, size_t prefixLength, const char* text, s
     ReentrantHold hold(trState.wrapMutex);
     // The trace may have ended, or moved to the next segment, while this thread waited.
     if (!trIsFileStream(trState.stream) || !trState.wrapping) return 0;
+    TraceFileLock fileHold(trState.stream);
     if (trWrapCheck(prefixLength + length) != 0) return -1;
     FILE* stream = trState.stream;
     if (!stream) return 0;
@@ -382,6 +452,7 @@ int32_t trWrapWrite(const char* prefix, size_t prefixLength, const char* text, s
 
 int32_t trWriteRaw(const char* text, size_t length) {
     if (!trIsActive()) return 0;
+    ErrnoSaver keepErrno;
     return emit("", 0, text, length, 1);
 }
 

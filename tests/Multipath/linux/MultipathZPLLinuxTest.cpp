@@ -63,7 +63,10 @@ TEST(MultipathZPLLinuxTest, FormatWwpnWithColons) {
     MultipathZPLLinux zpl;
     EXPECT_EQ("12:34:56:78:90:ab:cd:ef", zpl.formatWWPN("1234567890abcdef"));
     EXPECT_EQ("12:34:56:78:90:ab:cd:", zpl.formatWWPN("1234567890abcd"));
-    EXPECT_EQ("12:34:56:78:90:ab:cd:ef01", zpl.formatWWPN("1234567890abcdef01"));
+    // Only the pair at 14 follows: a trailing blank or extra characters are dropped.
+    EXPECT_EQ("12:34:56:78:90:ab:cd:ef", zpl.formatWWPN("1234567890abcdef01"));
+    EXPECT_EQ("12:34:56:78:90:ab:cd:ef", zpl.formatWWPN("1234567890abcdef "));
+    EXPECT_EQ("12:34:56:78:90:ab:cd:e", zpl.formatWWPN("1234567890abcde"));
     for (const char* shortWwpn : {"1234567890abc", "12345", ""}) {
         EXPECT_THROW(zpl.formatWWPN(shortWwpn), std::out_of_range) << shortWwpn;
     }

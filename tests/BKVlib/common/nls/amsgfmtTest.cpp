@@ -16,6 +16,7 @@ TEST(NlConversionTest, ParsesTypesAndStars) {
         {"%lld", 4, 0, NL_ARG_LONG, false},    {"%zu", 3, 0, NL_ARG_LONG, false},  {"%*.*s", 5, 2, NL_ARG_PTR, false},
         {"%ls", 3, 0, NL_ARG_PTR, true},       {"%lc", 3, 0, NL_ARG_UINT, true},   {"%p", 2, 0, NL_ARG_PTR, false},
         {"%*e", 3, 1, NL_ARG_DOUBLE, false},   {"%c", 2, 0, NL_ARG_INT, false},
+        {"%2302.2302u", 11, 0, NL_ARG_UINT, false},  // the largest field an insert can show
     };
     for (const auto& c : cases) {
         NlConversion conv;
@@ -25,7 +26,9 @@ TEST(NlConversionTest, ParsesTypesAndStars) {
         EXPECT_EQ(c.type, conv.type) << c.text;
         EXPECT_EQ(c.wide, conv.wide) << c.text;
     }
-    for (const char* text : {"%", "%n", "%%", "%Lf", "%hs", "%lp", "%1$s", "%k", "d", "%5"}) {
+    // Fields wider than an insert can show are a damaged entry, however many digits they have.
+    for (const char* text : {"%", "%n", "%%", "%Lf", "%hs", "%lp", "%1$s", "%k", "d", "%5", "%.1552602435u", "%2303d",
+                             "%.2303s", "%99999999999999999999999d"}) {
         NlConversion conv;
         EXPECT_FALSE(nlParseConversion(text, strlen(text), &conv)) << text;
     }
@@ -70,6 +73,19 @@ TEST(NlDecodeTest, StandinsInHeaderFollowMask) {
         nlDecodeStandins(&c.first);
         EXPECT_EQ(c.second, c.first);
     }
+}
+
+// A fast-path entry goes to vsnprintf whole: more conversions than a message has
+// inserts would read arguments nobody passed.
+TEST(NlDecodeTest, FastPathTakesAtMostFifteenConversions) {
+    std::string fifteen = "\x01";
+    for (int i = 0; i < 15; ++i) fifteen += "%.*d ";
+    NlCompiled msg;
+    EXPECT_TRUE(nlParseCompiled(fifteen.c_str(), fifteen.size(), &msg));
+    std::string sixteen = fifteen + "%d";
+    EXPECT_FALSE(nlParseCompiled(sixteen.c_str(), sixteen.size(), &msg));
+    std::string escaped = fifteen + "100%%";
+    EXPECT_TRUE(nlParseCompiled(escaped.c_str(), escaped.size(), &msg));
 }
 
 }  // namespace

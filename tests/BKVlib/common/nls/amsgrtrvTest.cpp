@@ -174,6 +174,7 @@ TEST_F(NlsRepositoryTest, CorruptAndUnknownEntriesYieldNothing) {
         msgc::storedText("KRN0001E", ordered.substr(0, 9)),
         msgc::storedText("KRN0001E", std::string(1, '\1') + "%n"),  // a fast path that writes memory
         msgc::storedText("KRN0001E", std::string(1, '\1') + "%Lf"),
+        "KR\x12X0263E",                          // trailer mark inside the identifier
     };
     for (const auto& stored : cases) {
         ASSERT_EQ("", catalog_.addRaw("en_US", "app.cat", {{1, stored}})) << stored;

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <vector>
 #include <string>
 
 #include "BKVlib/common/ut/trace.h"
@@ -23,6 +24,8 @@ using ::testing::Not;
 namespace {
 
 constexpr size_t kMiB = 1048576;
+// What a record leaves free under the limit: room for the longest closing line.
+constexpr size_t kSlack = 48;
 const std::string kEnd = "\nEND OF DATA\n\n";
 
 class TraceWrapTest : public ::testing::Test {
@@ -56,17 +59,47 @@ TEST_F(TraceWrapTest, RecordExactlyAtTheLimitFitsAndTheNextOneWraps) {
     beginBare(1);
     std::string text = readFile(path_);
     size_t dataStart = text.find('\n') + 2;
-    put(std::string(kMiB - 17 - 100 - recordedOffset(text) - 1, 'f'));
+    put(std::string(kMiB - kSlack - 100 - recordedOffset(text) - 1, 'f'));
     put(std::string(99, 'R'));  // 100 bytes with its newline, ending exactly at the limit
     text = readFile(path_);
-    EXPECT_EQ(kMiB - 17, recordedOffset(text));
-    EXPECT_EQ(kMiB - 17 + kEnd.size(), text.size());
+    EXPECT_EQ(kMiB - kSlack, recordedOffset(text));
+    EXPECT_EQ(kMiB - kSlack + kEnd.size(), text.size());
 
     put(std::string(99, 'B'));
     text = readFile(path_);
-    EXPECT_EQ("\nContinued at beginning of file\n\n", text.substr(kMiB - 17, 33));
+    EXPECT_EQ("\nContinued at beginning of file\n\n", text.substr(kMiB - kSlack, 33));
     EXPECT_EQ(std::string(99, 'B') + "\n" + kEnd, text.substr(dataStart, 100 + kEnd.size()));
     EXPECT_EQ(dataStart + 100, recordedOffset(text));
+}
+
+// The record before the wrap ends at every offset from well inside the slack to
+// well before it; whatever is written after it, the file stays within its limit
+// and the next start continues it with its history.
+TEST_F(TraceWrapTest, WrapPointWalkedByteByByteKeepsHistoryAcrossTheNextStart) {
+    const std::string last(59, 'L');  // 60 bytes with its newline
+    for (size_t before = 0; before <= 2 * kSlack + 60; ++before) {
+        unlink(path_.c_str());
+        resetTrace();
+        beginBare(1);
+        put(std::string(199, 'p'));  // what the later runs' first records overwrite
+        put("history");
+        size_t offset = recordedOffset(readFile(path_));
+        put(std::string(kMiB - kSlack - before - offset - 1, 'f'));
+        ASSERT_EQ(kMiB - kSlack - before, recordedOffset(readFile(path_))) << before;
+        put(last);
+        trEnd(1);
+        ASSERT_LE(readFile(path_).size(), kMiB) << "ended " << before << " bytes before the slack";
+
+        resetTrace();
+        beginBare(1);
+        put("next start");
+        trEnd(1);
+        std::string text = readFile(path_);
+        EXPECT_LE(text.size(), kMiB) << before;
+        EXPECT_EQ(1u, countOf(text, "\nhistory\n")) << "ended " << before << " bytes before the slack";
+        EXPECT_EQ(1u, countOf(text, last + "\n")) << before;
+        EXPECT_EQ(1u, countOf(text, "next start\n\nEND OF DATA - close\n\n")) << before;
+    }
 }
 
 TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
@@ -125,6 +158,43 @@ TEST_F(TraceWrapTest, SegmentsFillInTurnAndRestartEachFileAnew) {
     EXPECT_EQ("Continued from end of segment 2\n\n", first.substr(first.find('\n') + 2, 33));
     EXPECT_THAT(first, Not(HasSubstr("Continued at beginning of segment 2")));
     EXPECT_NE(0, access(path_.c_str(), F_OK));
+}
+
+// Writers in separate processes share one wrapping file, each starting, writing and
+// closing it at the same time as the others: no record of any of them is lost.
+TEST_F(TraceWrapTest, ProcessesSharingTheFileKeepEveryRecord) {
+    constexpr int kWriters = 6;
+    constexpr int kRecords = 300;
+    unlink(path_.c_str());
+    std::vector<pid_t> children;
+    for (int w = 0; w < kWriters; ++w) {
+        pid_t child = fork();
+        if (child == 0) {
+            resetTrace();
+            trSetMaxMB(1);
+            if (trBegin(path_.c_str(), 0) != 0) _exit(1);
+            trSetLibFlags("-TIMESTAMP -PREFIX", 0);
+            for (int i = 0; i < kRecords; ++i) trPrintf("f", 1, "writer %d record %d %s\n", w, i, std::string(80, 'r').c_str());
+            trEnd(1);
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    for (pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    std::string text = readFile(path_);
+    EXPECT_EQ(static_cast<size_t>(kWriters), countOf(text, "BEGINNING NEW TRACE\n"));
+    for (int w = 0; w < kWriters; ++w) {
+        for (int i = 0; i < kRecords; ++i) {
+            std::string record = "writer " + std::to_string(w) + " record " + std::to_string(i) + " ";
+            ASSERT_EQ(1u, countOf(text, record)) << record;
+        }
+    }
+    EXPECT_EQ(1u, countOf(text, "END OF DATA - close"));
+    EXPECT_EQ("\nEND OF DATA - close\n\n", text.substr(recordedOffset(text), 22));
 }
 
 TEST_F(TraceWrapTest, SegmentArithmetic) {
