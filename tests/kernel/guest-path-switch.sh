@@ -1,24 +1,12 @@
 #!/bin/bash
-# Runs inside the lab VM (LAB_FC=1, two scsi_debug hosts, multipathd running) from
-# the shared folder, which holds the installed tool in agent/. Every step's output
-# goes to out/NAME.{out,err,rc}; the host side judges them.
-cd /host || exit 1
-mkdir -p out
-step() {
-    local name=$1; shift
-    "$@" >"out/$name.out" 2>"out/$name.err"
-    echo $? >"out/$name.rc"
-}
-
-# The agent's installation place, so the tool finds its catalogue and activity log.
-mkdir -p /opt/ZOR/QLX/agent && mount --bind /host/agent /opt/ZOR/QLX/agent
+# Runs inside the lab VM (LAB_FC=1, two scsi_debug hosts, multipathd running).
+. /host/guest-lib.sh
 # No Fibre Channel here: give the two scsi_debug hosts (host0, host1) a port each.
 mount -t tmpfs pp-fc /sys/class/fc_host
 for n in 0 1; do
     mkdir /sys/class/fc_host/host$n
     echo "0x21000024ff00aa0$n" >/sys/class/fc_host/host$n/port_name
 done
-T=/opt/ZOR/QLX/agent/bin/PathPlannerTopology
 
 step version "$T" --version
 step ll multipath -ll -v2

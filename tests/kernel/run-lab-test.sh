@@ -23,7 +23,7 @@ share=$(mktemp -d /tmp/pp-kernel-XXXXXX)
 trap 'rm -rf "$share"' EXIT
 cmake --install "$build" --prefix "$share/agent" >/dev/null || { echo "FAIL: cmake --install"; exit 1; }
 mkdir -p "$share/agent/log"
-cp "$here/guest-$scenario.sh" "$share/"
+cp "$here/guest-lib.sh" "$here/guest-$scenario.sh" "$share/"
 
 # The tool finds the device-mapper driver through the rpm database.
 export LAB_RPM_PKGS=device-mapper-multipath-0.9.4-1.lab
