@@ -62,6 +62,10 @@ RunResult runPlaybook(NamespaceHarness* host, const std::string& extraVars, bool
                                      "ANSIBLE_REMOTE_TEMP=" + home + "/remote",
                                      "ANSIBLE_NOCOLOR=1",
                                      "PYTHONDONTWRITEBYTECODE=1",
+                                     // In a sanitizer build, the leak check cannot read the
+                                     // tool's /proc entry from under the module's process
+                                     // (it fails the run); the other end-to-end tests check leaks.
+                                     "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0",
                                      "/usr/bin/ansible-playbook",
                                      "-i",
                                      "localhost,",
