@@ -8,12 +8,25 @@ for n in 0 1; do
     echo "0x21000024ff00aa0$n" >/sys/class/fc_host/host$n/port_name
 done
 
+# multipathd updates its own view of a path once the kernel's event for the command has
+# reached it, which takes a few seconds on a loaded VM; the kernel's state, which the
+# tool checks, is already there. Wait (20 s at most) until the paths of the SCSI
+# addresses starting with $1 show dm state $2.
+await_paths() {
+    for _ in $(seq 40); do
+        multipathd show paths format "%i %t" |
+            awk -v h="$1" -v s="$2" 'index($1, h) == 1 && $2 != s { bad = 1 } END { exit bad }' && return 0
+        sleep 0.5
+    done
+}
+
 step version "$T" --version
 step ll multipath -ll -v2
 step showmaps multipathd show maps json
 step topology "$T"
 step paths-before multipathd show paths
 step offline "$T" --offline 21:00:00:24:FF:00:AA:00
+await_paths 0: failed
 step paths-offline multipathd show paths
 # host1 now carries the last usable path of every map.
 step refusal "$T" --offline 0x21000024ff00aa01
@@ -23,6 +36,7 @@ step topology-offline "$T"
 sleep 7
 step paths-later multipathd show paths
 step online "$T" --online 21000024ff00aa00 --table
+await_paths 0: active
 step paths-after multipathd show paths
 cp /opt/ZOR/QLX/agent/log/multipath.log out/activity.log 2>/dev/null
 exit 0
