@@ -111,7 +111,9 @@ for r in bash coreutils diffutils grep /usr/bin/awk sed rpm; do
   expect_line "rpm -qpR" "$requires" "$r"
 done
 grep -q '^libc.so.6' <<<"$requires" || fail "rpm -qpR lacks the C library"
-rpm -qp --configfiles "$rpm" | grep -qxF /etc/logrotate.d/pathplanner || fail "logrotate rule not a config file"
+# Read the list whole: grep -q leaving a pipe early fails the pipeline under pipefail.
+configs=$(rpm -qp --configfiles "$rpm")
+grep -qxF /etc/logrotate.d/pathplanner <<<"$configs" || fail "logrotate rule not a config file"
 rpm -K --nosignature "$rpm" >/dev/null || fail "rpm digests"
 
 # The payload unpacks and erases in a throwaway rpm root; this host's rpm database
