@@ -15,6 +15,7 @@
 #include "Common/AgentTrace.h"
 #include "Common/comutils.h"
 #include "Common/unix/ScopedFd.h"
+#include "Common/unix/psnautil.h"
 
 namespace {
 

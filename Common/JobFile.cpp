@@ -8,8 +8,8 @@
 
 #include "Common/AgentTrace.h"
 #include "Common/CmdArgs.h"
-#include "Common/comutils.h"
 #include "Common/unix/ScopedFd.h"
+#include "Common/unix/psnautil.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <ctime>
 
 #include "Common/AgentTrace.h"
-#include "Common/comutils.h"
+#include "Common/unix/psnautil.h"
 
 namespace {
 

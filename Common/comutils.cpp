@@ -17,6 +17,7 @@
 #include "BKVlib/common/ut/logutils.h"
 #include "Common/AgentTrace.h"
 #include "Common/unix/ScopedFd.h"
+#include "Common/unix/psnautil.h"
 
 namespace {
 

@@ -17,6 +17,7 @@
 #include "Common/JobFile.h"
 #include "Common/LogManager.h"
 #include "Common/comutils.h"
+#include "Common/unix/psnautil.h"
 #include "Common/unix/pssignal.h"
 #include "Multipath/MultipathDriver.h"
 #include "PathPlanner/ExecPathPlanner.h"

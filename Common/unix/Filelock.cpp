@@ -20,8 +20,8 @@
 #include "BKVlib/common/thrd/pkthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
-#include "Common/comutils.h"
 #include "Common/unix/ScopedFd.h"
+#include "Common/unix/psnautil.h"
 
 namespace {
 

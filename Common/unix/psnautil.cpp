@@ -1,6 +1,6 @@
 // The platform primitives of the file utilities: each one unquotes its names,
 // calls the C library once, and reports failure through its result and a trace.
-#include "Common/comutils.h"
+#include "Common/unix/psnautil.h"
 
 #include <dirent.h>
 #include <fcntl.h>

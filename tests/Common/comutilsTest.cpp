@@ -1,6 +1,7 @@
 #include "Common/comutils.h"
 
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "Common/unix/psnautil.h"
 #include "gtest/gtest.h"
 #include "tests/support/TestFiles.h"
 
