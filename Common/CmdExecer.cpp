@@ -10,8 +10,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "Common/AgentMessageIds.h"
+#include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
 #include "Common/comutils.h"
 #include "Common/unix/ScopedFd.h"
@@ -102,4 +106,38 @@ std::string CmdExecer::getCommand() const {
     NA_TRACE_ENTER("getCommand()");
     NA_TRACE_EXIT("Exit: %s, cmdLine: %s\n", "getCommand()", NA_STR(cmdLine));
     return cmdLine;
+}
+
+bool CommandResult::notRun() const {
+    return !created || rc == RC_NOT_RUN;
+}
+
+CommandResult runCommandWords(const std::vector<std::string>& words) {
+    NA_TRACE_ENTER("runCommandWords()");
+    CommandResult result;
+    result.cmdLine = joinWords(words);
+    std::unique_ptr<CmdExecer> exec(new (std::nothrow) CmdExecer(words));
+    if (exec) {
+        result.created = true;
+        result.rc = exec->runCommand();
+        result.cmdLine = exec->getCommand();
+        result.out = exec->sysOut;
+        result.err = exec->sysErr;
+    }
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "runCommandWords()", result.rc);
+    return result;
+}
+
+void reportNotRun(const std::string& cmdLine, const std::string& err, const char* where) {
+    logMsg(activityLog, STA0356E, NA_STR(cmdLine));
+    const std::string shown = err.empty() ? cmdLine : cmdLine + ": " + err;
+    if (where) {
+        NA_TRACE_MIN("%s: Execute command %s failed.\n", where, NA_STR(shown));
+    } else {
+        NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(shown));
+    }
+}
+
+void reportNotRun(const CommandResult& result, const char* where) {
+    reportNotRun(result.cmdLine, result.err, where);
 }

@@ -35,4 +35,26 @@ private:
     bool removeErrFile = true;
 };
 
+// What one run of an outside command left behind, as the drivers keep it.
+struct CommandResult {
+    bool created = false;  // an executor could be made
+    int32_t rc = -1;       // CmdExecer's result; RC_NOT_RUN when the command could not run
+    std::string cmdLine;   // the line as it ran (the bare words when no executor was made)
+    std::string out;       // standard output
+    std::string err;       // standard error
+
+    // True when there was no executor or the command could not be run at all.
+    bool notRun() const;
+};
+
+// Runs words through a CmdExecer. An executor that cannot be allocated leaves
+// created false instead of throwing: the drivers report it as "could not run".
+CommandResult runCommandWords(const std::vector<std::string>& words);
+
+// The agent's "could not run" report: STA0356E with the command line in the
+// activity log and "Execute command ... failed." in the trace (with what the
+// command said on standard error, if anything), prefixed by where when given.
+void reportNotRun(const std::string& cmdLine, const std::string& err = std::string(), const char* where = nullptr);
+void reportNotRun(const CommandResult& result, const char* where = nullptr);
+
 #endif

@@ -202,17 +202,11 @@ int32_t compareVersions(const std::string& first, const std::string& second) {
 
 }  // namespace zplText
 
-ZplCommandResult MultipathZPL::runWords(const std::vector<std::string>& words) {
-    CmdExecer exec(words);
-    ZplCommandResult result;
-    result.rc = exec.runCommand();
-    result.out = exec.sysOut;
-    result.err = exec.sysErr;
-    result.cmdLine = exec.getCommand();
-    return result;
+CommandResult MultipathZPL::runWords(const std::vector<std::string>& words) {
+    return runCommandWords(words);
 }
 
-const std::string& MultipathZPL::errorText(const ZplCommandResult& result) {
+const std::string& MultipathZPL::errorText(const CommandResult& result) {
     return result.err.empty() ? result.out : result.err;
 }
 
@@ -239,6 +233,12 @@ std::string MultipathZPL::formatWWPN(const std::string& wwpn) {
     NA_TRACE_ENTER("formatWWPN()");
     NA_TRACE_EXIT("Exit: %s, formattedWWPN = %s\n", "formatWWPN()", NA_STR(wwpn));
     return wwpn;
+}
+
+bool MultipathZPL::canFormatWWPN(const std::string& wwpn) {
+    NA_TRACE_ENTER("canFormatWWPN()");
+    NA_TRACE_EXIT("Exit: %s, WWPN = %s\n", "canFormatWWPN()", NA_STR(wwpn));
+    return true;
 }
 
 std::vector<std::string> MultipathZPL::getVersionCommand() {
@@ -297,11 +297,10 @@ std::string MultipathZPL::getVersion() {
     std::vector<std::string> words;
     if (version_.empty()) words = getVersionCommand();
     if (!words.empty()) {
-        ZplCommandResult result = runWords(words);
+        CommandResult result = runWords(words);
         std::string line = firstLine(result.out);
-        if (result.rc == RC_NOT_RUN) {
-            logMsg(activityLog, STA0356E, NA_STR(result.cmdLine));
-            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(result.cmdLine));
+        if (result.notRun()) {
+            reportNotRun(result);
         } else if (line.find(kNoDeviceFile) != std::string::npos) {
             NA_TRACE_MIN("ZPL incorrect version.  ZPL must be at version 1.6.1 or higher");
         } else if (result.rc == RC_OK && !isCmdInvalid(line)) {
@@ -316,11 +315,10 @@ std::string MultipathZPL::getVersion() {
 
 bool MultipathZPL::getDeviceOutput() {
     NA_TRACE_ENTER("getDeviceOutput()");
-    ZplCommandResult result = runWords({getLunctlCommand(), kQuery, kDevice});
+    CommandResult result = runWords({getLunctlCommand(), kQuery, kDevice});
     bool success = false;
-    if (result.rc == RC_NOT_RUN) {
-        logMsg(activityLog, STA0356E, NA_STR(result.cmdLine));
-        NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(result.cmdLine));
+    if (result.notRun()) {
+        reportNotRun(result);
     } else if (result.rc == RC_OK && !isCmdInvalid(result.out)) {
         deviceQuery_ = result.out;
         success = true;
@@ -378,12 +376,11 @@ std::string MultipathZPL::getAdapterName(const std::string& wwpn) {
 }
 
 int32_t MultipathZPL::runPolicyChange(int32_t devId, const std::string& word) {
-    ZplCommandResult result =
+    CommandResult result =
         runWords({getLunctlCommand(), kSet, kDevice, std::to_string(devId), policyKeyword_, word});
     int32_t rc = RC_OK;
-    if (result.rc == RC_NOT_RUN) {
-        logMsg(activityLog, STA0356E, NA_STR(result.cmdLine));
-        NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(result.cmdLine));
+    if (result.notRun()) {
+        reportNotRun(result);
         rc = RC_NOT_RUN;
     } else if (result.rc != RC_OK || isCmdInvalid(result.out)) {
         NA_TRACE_MIN("Error on device: %d: %s\n", devId, NA_STR(result.out));
@@ -422,17 +419,21 @@ int32_t MultipathZPL::setPolicy(int32_t setting, const std::vector<std::string>&
 
 int32_t MultipathZPL::changePath(int32_t devId, const std::string& device, const std::string& wwpn,
                                  const std::string& stateWord) {
+    // lunctl cannot be asked about a WWPN that has no form it prints; nothing is guessed.
+    if (!canFormatWWPN(wwpn)) {
+        NA_TRACE_MIN("WWPN %s cannot be put into lunctl's form.\n", NA_STR(wwpn));
+        return RC_NOT_RUN;
+    }
     int32_t pathId = getPathId(device, formatWWPN(wwpn));
     int32_t rc = RC_ZPL_DEVICE_NOT_FOUND;
     if (pathId == -1) {
         NA_TRACE_MIN("No ZPL Path for %s device & %s.\n", NA_STR(device), NA_STR(wwpn));
     } else {
-        ZplCommandResult result = runWords({getLunctlCommand(), kSet, kDevice, std::to_string(devId), kPath,
+        CommandResult result = runWords({getLunctlCommand(), kSet, kDevice, std::to_string(devId), kPath,
                                             std::to_string(pathId), stateWord});
         rc = RC_OK;
-        if (result.rc == RC_NOT_RUN) {
-            logMsg(activityLog, STA0356E, NA_STR(result.cmdLine));
-            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(result.cmdLine));
+        if (result.notRun()) {
+            reportNotRun(result);
             rc = RC_NOT_RUN;
         } else if (result.rc != RC_OK || isCmdInvalid(result.out)) {
             NA_TRACE_MIN("Error on device: %d, path: %d: %s\n", devId, pathId, NA_STR(result.out));

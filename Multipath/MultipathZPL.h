@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Common/CmdExecer.h"
 #include "Multipath/MultipathDriver.h"
 
 // Searches over lunctl's text. They take text and run nothing, so they can be
@@ -47,14 +48,6 @@ int32_t compareVersions(const std::string& first, const std::string& second);
 
 }  // namespace zplText
 
-// What one run of an outside tool left behind.
-struct ZplCommandResult {
-    int32_t rc = -1;       // exit code; RC_NOT_RUN when it could not run
-    std::string out;       // standard output
-    std::string err;       // standard error
-    std::string cmdLine;   // the line as it ran
-};
-
 class MultipathZPL : public MultipathDriver {
 public:
     MultipathZPL() = default;
@@ -68,7 +61,8 @@ public:
     // One lunctl "set device N path M offline|online" per WWPN: "offline" for 0,
     // "online" for any other setting. RC_OK, RC_ZPL_DEVICE_NOT_FOUND (device or a
     // path unknown) or RC_DRIVER_CMD_FAILED. Failed WWPNs go to getErrorWWPNs().
-    // A WWPN shorter than 14 characters throws std::out_of_range from formatWWPN.
+    // A WWPN that canFormatWWPN refuses stops the loop like a command that cannot
+    // run (RC_DRIVER_CMD_FAILED, the WWPN not listed as failed).
     int32_t setState(int32_t setting, const std::string& device, const std::vector<std::string>& wwpns) override;
     std::vector<std::string> getErrorDevices() override;
     std::vector<std::string> getErrorWWPNs() override;
@@ -82,6 +76,8 @@ public:
     virtual std::string getFile();
     // The WWPN as lunctl prints it; unchanged here.
     virtual std::string formatWWPN(const std::string& wwpn);
+    // Whether formatWWPN can put wwpn into lunctl's form; always here.
+    virtual bool canFormatWWPN(const std::string& wwpn);
     // Words of the package query; none here, so the base class finds no version.
     virtual std::vector<std::string> getVersionCommand();
     virtual int32_t isMPIOInstalled();
@@ -101,10 +97,10 @@ public:
     int32_t getPathId(const std::string& serial, const std::string& wwpn);
 
 protected:
-    // Runs words through CmdExecer; tests replace it to reach the "could not run" case.
-    virtual ZplCommandResult runWords(const std::vector<std::string>& words);
+    // Runs words through runCommandWords; tests replace it to reach the "could not run" case.
+    virtual CommandResult runWords(const std::vector<std::string>& words);
     // What a failed command said: its standard error, else its standard output.
-    static const std::string& errorText(const ZplCommandResult& result);
+    static const std::string& errorText(const CommandResult& result);
 
 private:
     int32_t runPolicyChange(int32_t devId, const std::string& word);

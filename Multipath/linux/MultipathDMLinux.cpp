@@ -1,8 +1,5 @@
 #include "Multipath/linux/MultipathDMLinux.h"
 
-#include <memory>
-#include <new>
-
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentMessageIds.h"
 #include "Common/AgentMessages.h"
@@ -38,12 +35,12 @@ std::string firstLine(const std::string& text) {
 }
 
 // The failed command as traced: the command line, and what it said when it said anything.
-std::string failedCommandText(const DmToolRun& run) {
-    return run.err.empty() ? run.command : run.command + ": " + run.err;
+std::string failedCommandText(const CommandResult& run) {
+    return run.err.empty() ? run.cmdLine : run.cmdLine + ": " + run.err;
 }
 
 // The package line when it says the tools are installed, else empty.
-std::string versionFromQuery(const DmToolRun& run) {
+std::string versionFromQuery(const CommandResult& run) {
     std::string line = firstLine(run.out);
     std::string version;
     // Some packagers print a sentence ending in the marker instead of failing; a
@@ -62,11 +59,11 @@ std::string versionFromQuery(const DmToolRun& run) {
 
 // Reports a dmsetup step that could not run and records the stop; the caller traces
 // which step it was.
-bool ranOrStop(const DmToolRun& run, DmQueueingSwitchResult* result) {
-    if (run.created && run.rc != RC_NOT_RUN) return true;
-    logMsg(activityLog, STA0356E, NA_STR(run.command));
+bool ranOrStop(const CommandResult& run, DmQueueingSwitchResult* result) {
+    if (!run.notRun()) return true;
+    reportNotRun(run);
     result->stopped = true;
-    result->failedCommand = run.command;
+    result->failedCommand = run.cmdLine;
     result->failedErr = run.err;
     return false;
 }
@@ -74,7 +71,7 @@ bool ranOrStop(const DmToolRun& run, DmQueueingSwitchResult* result) {
 void reportListing(const DmListingResult& result) {
     switch (result.status) {
         case DmListingStatus::kNotRun:
-            logMsg(activityLog, STA0356E, NA_STR(result.command));
+            reportNotRun(result.command, result.sysErr);
             break;
         case DmListingStatus::kEmpty:
             NA_TRACE_MIN("multipath -ll -v2 output is empty\n");
@@ -101,27 +98,17 @@ void reportListing(const DmListingResult& result) {
 
 MultipathDMLinux::MultipathDMLinux(const std::string& toolDir) : toolDir_(toolDir) {}
 
-DmToolRun MultipathDMLinux::runTool(const std::vector<std::string>& args) {
-    DmToolRun run;
-    run.command = joinWords(args);
-    std::unique_ptr<CmdExecer> exec(new (std::nothrow) CmdExecer(args));
-    if (exec) {
-        run.created = true;
-        run.rc = exec->runCommand();
-        run.command = exec->getCommand();
-        run.out = exec->sysOut;
-        run.err = exec->sysErr;
-    }
-    return run;
+CommandResult MultipathDMLinux::runTool(const std::vector<std::string>& args) {
+    return runCommandWords(args);
 }
 
 std::string MultipathDMLinux::getVersion() {
     NA_TRACE_ENTER("getVersion()");
     if (version_.empty()) {
-        DmToolRun run = runTool(packageQueryCommand());
+        CommandResult run = runTool(packageQueryCommand());
+        // rpm that runs and fails is reported as not run too: no version can be had.
         if (run.rc != RC_OK) {
-            logMsg(activityLog, STA0356E, NA_STR(run.command));
-            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(failedCommandText(run)));
+            reportNotRun(run);
         } else {
             version_ = versionFromQuery(run);
         }
@@ -136,13 +123,12 @@ int32_t MultipathDMLinux::setPolicy(int32_t setting, const std::vector<std::stri
     if (setting == kSettingRoundRobin) {
         // "multipath" without arguments rebuilds every map from multipath.conf, whose
         // selector is round robin; it cannot apply any other policy.
-        DmToolRun run = runTool({toolDir_ + kMultipathTool});
-        if (run.rc == RC_NOT_RUN) {
-            logMsg(activityLog, STA0356E, NA_STR(run.command));
-            NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(run.command));
+        CommandResult run = runTool({toolDir_ + kMultipathTool});
+        if (run.notRun()) {
+            reportNotRun(run);
             rc = RC_DRIVER_CMD_FAILED;
         } else if (run.rc != RC_OK) {
-            NA_TRACE_MIN("Invocation of %s returned: %s\n", NA_STR(run.command), NA_STR(run.out));
+            NA_TRACE_MIN("Invocation of %s returned: %s\n", NA_STR(run.cmdLine), NA_STR(run.out));
             rc = RC_DRIVER_CMD_FAILED;
         }
     } else {
@@ -194,8 +180,8 @@ void MultipathDMLinux::getMultipathConfig(Topology* topology, MultipathDriver* d
 }
 
 void MultipathDMLinux::runListing(const std::string& driverText, Topology* topology, DmListingResult* result) {
-    DmToolRun run = runTool({toolDir_ + kMultipathTool, "-ll", "-v2"});
-    result->command = run.command;
+    CommandResult run = runTool({toolDir_ + kMultipathTool, "-ll", "-v2"});
+    result->command = run.cmdLine;
     result->exitCode = run.rc;
     result->sysErr = run.err;
     if (!run.created) {
@@ -223,7 +209,7 @@ int32_t MultipathDMLinux::setFailIfNoPath(DmQueueingSwitchResult* result) {
 }
 
 bool MultipathDMLinux::listMaps(std::vector<std::string>* names, DmQueueingSwitchResult* result) {
-    DmToolRun run = runTool({toolDir_ + kDmsetupTool, kListKeyword});
+    CommandResult run = runTool({toolDir_ + kDmsetupTool, kListKeyword});
     bool ran = ranOrStop(run, result);
     if (!run.created) {
         NA_TRACE_MIN("No stdOut from 'dmsetup ls' command!\n");
@@ -231,10 +217,10 @@ bool MultipathDMLinux::listMaps(std::vector<std::string>* names, DmQueueingSwitc
         NA_TRACE_MIN("Unable to get the mpaths using ls command.\n");
     } else if (run.rc != RC_OK) {
         // Without the list no map can be judged; "no maps" would be a false all-clear.
-        logMsg(activityLog, STA0523E, NA_STR(run.command));
+        logMsg(activityLog, STA0523E, NA_STR(run.cmdLine));
         NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(failedCommandText(run)));
         result->stopped = true;
-        result->failedCommand = run.command;
+        result->failedCommand = run.cmdLine;
         result->failedErr = run.err;
         result->failedRan = true;
         ran = false;
@@ -248,7 +234,7 @@ bool MultipathDMLinux::listMaps(std::vector<std::string>* names, DmQueueingSwitc
 // message that runs but fails is not retried: the next map is still worth a try.
 bool MultipathDMLinux::switchMap(const std::string& name, DmQueueingSwitchResult* result) {
     NA_TRACE_MID("checking configuration of multipath device %s\n", NA_STR(name));
-    DmToolRun table = runTool({toolDir_ + kDmsetupTool, kTableKeyword, name});
+    CommandResult table = runTool({toolDir_ + kDmsetupTool, kTableKeyword, name});
     bool ran = ranOrStop(table, result);
     if (!table.created) {
         NA_TRACE_MIN("No stdOut from 'dmsetup table [multipathName]' command!\n");
@@ -258,7 +244,7 @@ bool MultipathDMLinux::switchMap(const std::string& name, DmQueueingSwitchResult
         NA_TRACE_MID("multipath device %s is not configured with queue_if_no_path.\n", NA_STR(name));
         result->notQueueing.push_back(name);
     } else {
-        DmToolRun message = runTool({toolDir_ + kDmsetupTool, kMessageKeyword, name, "0", kFailingFeature});
+        CommandResult message = runTool({toolDir_ + kDmsetupTool, kMessageKeyword, name, "0", kFailingFeature});
         ran = ranOrStop(message, result);
         if (!message.created) {
             NA_TRACE_MIN("'dmsetup message [multipathName] 0 \"fail_if_no_path\"' command failed!\n");
@@ -273,8 +259,8 @@ bool MultipathDMLinux::switchMap(const std::string& name, DmQueueingSwitchResult
 
 void MultipathDMLinux::getMapView(std::vector<DmViewMap>* maps, DmListingResult* result) {
     NA_TRACE_ENTER("MultipathDMLinux::getMapView()");
-    DmToolRun run = runTool({toolDir_ + kMultipathTool, "-ll", "-v2"});
-    result->command = run.command;
+    CommandResult run = runTool({toolDir_ + kMultipathTool, "-ll", "-v2"});
+    result->command = run.cmdLine;
     result->exitCode = run.rc;
     result->sysErr = run.err;
     result->status = run.created ? dmClassifyListing(run.rc, run.out) : DmListingStatus::kNotRun;
@@ -283,7 +269,7 @@ void MultipathDMLinux::getMapView(std::vector<DmViewMap>* maps, DmListingResult*
     NA_TRACE_EXIT("Exit: %s, maps = %d\n", "MultipathDMLinux::getMapView()", static_cast<int>(maps->size()));
 }
 
-int32_t MultipathDMLinux::changePathState(const std::string& device, bool fail, DmToolRun* run) {
+int32_t MultipathDMLinux::changePathState(const std::string& device, bool fail, CommandResult* run) {
     NA_TRACE_ENTER("MultipathDMLinux::changePathState()");
     int32_t rc = RC_OK;
     if (!dmSafeName(device)) {
@@ -291,11 +277,11 @@ int32_t MultipathDMLinux::changePathState(const std::string& device, bool fail, 
         rc = RC_BAD_ARGS;
     } else {
         *run = runTool({toolDir_ + kMultipathdTool, fail ? kFailKeyword : kReinstateKeyword, kPathKeyword, device});
-        if (!run->created || run->rc == RC_NOT_RUN) {
-            logMsg(activityLog, STA0356E, NA_STR(run->command));
+        if (run->notRun()) {
+            reportNotRun(*run);
             rc = RC_DRIVER_CMD_FAILED;
         } else if (run->rc != RC_OK || firstLine(run->out) == kMultipathdRefusal) {
-            logMsg(activityLog, STA0523E, NA_STR(run->command));
+            logMsg(activityLog, STA0523E, NA_STR(run->cmdLine));
             NA_TRACE_MIN("Execute command %s failed.\n", NA_STR(failedCommandText(*run)));
             rc = RC_DRIVER_CMD_FAILED;
         }

@@ -8,21 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "Common/CmdExecer.h"
 #include "Multipath/MultipathDriver.h"
 #include "Multipath/linux/DMMapView.h"
 #include "Multipath/linux/DMTopologyParser.h"
 
 // Where "multipath" and "dmsetup" live unless a caller says otherwise.
 inline constexpr char kDmDefaultToolDir[] = "/sbin/";
-
-// One command as the driver saw it.
-struct DmToolRun {
-    bool created = false;    // an executor could be made
-    int32_t rc = -1;         // CmdExecer's result; -1 when the command could not be run
-    std::string command;     // the command line (the bare words when no executor was made)
-    std::string out;         // standard output
-    std::string err;         // standard error
-};
 
 // What the listing command of getMultipathConfig came to.
 struct DmListingResult {
@@ -78,11 +70,11 @@ public:
     // Runs "multipathd fail path DEVICE" (fail) or "multipathd reinstate path DEVICE".
     // RC_OK, RC_BAD_ARGS (device not a safe name; nothing run) or RC_DRIVER_CMD_FAILED
     // (could not run or failed); *run receives the command's result.
-    int32_t changePathState(const std::string& device, bool fail, DmToolRun* run);
+    int32_t changePathState(const std::string& device, bool fail, CommandResult* run);
 
 protected:
     // Every command of the driver goes through here, so a test can make one fail.
-    virtual DmToolRun runTool(const std::vector<std::string>& args);
+    virtual CommandResult runTool(const std::vector<std::string>& args);
 
 private:
     void runListing(const std::string& driverText, Topology* topology, DmListingResult* result);

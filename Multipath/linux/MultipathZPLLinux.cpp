@@ -20,28 +20,35 @@ std::vector<std::string> MultipathZPLLinux::getVersionCommand() {
     return words;
 }
 
+bool MultipathZPLLinux::canFormatWWPN(const std::string& wwpn) {
+    NA_TRACE_ENTER("canFormatWWPN()");
+    bool fits = wwpn.size() >= kMinWwpnChars;
+    NA_TRACE_EXIT("Exit: %s, WWPN = %s, fits = %d\n", "canFormatWWPN()", NA_STR(wwpn), fits ? 1 : 0);
+    return fits;
+}
+
 std::string MultipathZPLLinux::formatWWPN(const std::string& wwpn) {
     NA_TRACE_ENTER("formatWWPN()");
     std::string formatted;
-    for (size_t pos = 0; pos < 14; pos += 2) {
-        formatted += wwpn.substr(pos, 2);
-        formatted += ':';
+    if (canFormatWWPN(wwpn)) {
+        for (size_t pos = 0; pos < kMinWwpnChars; pos += 2) {
+            formatted += wwpn.substr(pos, 2);
+            formatted += ':';
+        }
+        // Only the last pair is taken, so a trailing blank or extra characters never
+        // reach lunctl's search.
+        formatted += wwpn.substr(kMinWwpnChars, 2);
     }
-    // A short WWPN throws here on purpose: the caller reports it, nothing is guessed.
-    // Only the last pair is taken, so a trailing blank or extra characters never
-    // reach lunctl's search.
-    formatted += wwpn.substr(14, 2);
     NA_TRACE_EXIT("Exit: %s, formattedWWPN = %s\n", "formatWWPN()", NA_STR(formatted));
     return formatted;
 }
 
 int32_t MultipathZPLLinux::performDynamicReconfiguration() {
     NA_TRACE_ENTER("performDynamicReconfiguration()");
-    ZplCommandResult result = runWords({kReconfigure});
+    CommandResult result = runWords({kReconfigure});
     int32_t rc = RC_OK;
-    if (result.rc == RC_NOT_RUN) {
-        logMsg(activityLog, STA0356E, NA_STR(result.cmdLine));
-        NA_TRACE_MIN("%s: Execute command %s failed.\n", "performDynamicReconfiguration()", NA_STR(result.cmdLine));
+    if (result.notRun()) {
+        reportNotRun(result, "performDynamicReconfiguration()");
         rc = RC_RECONFIG_NOT_RUN;
     } else if (result.rc != RC_OK) {
         NA_TRACE_MIN("%s: Error running '%s', exit code %d: %s\n", "performDynamicReconfiguration()",

@@ -9,6 +9,8 @@
 
 #include "Multipath/MultipathZPL.h"
 
+constexpr size_t kMinWwpnChars = 14;
+
 class MultipathZPLLinux : public MultipathZPL {
 public:
     MultipathZPLLinux() = default;
@@ -18,9 +20,10 @@ public:
     // RC_DRIVER_CMD_FAILED when it exits with any other status.
     int32_t performDynamicReconfiguration() override;
     // "1234567890abcdef" becomes "12:34:56:78:90:ab:cd:ef"; characters after the
-    // sixteenth are dropped. A WWPN shorter than 14 characters throws
-    // std::out_of_range; the run flow catches it.
+    // sixteenth are dropped. Empty for a WWPN that canFormatWWPN refuses.
     std::string formatWWPN(const std::string& wwpn) override;
+    // The form needs at least the first seven pairs: kMinWwpnChars characters.
+    bool canFormatWWPN(const std::string& wwpn) override;
     // "rpm", "-q ZORzpl".
     std::vector<std::string> getVersionCommand() override;
 };

@@ -177,7 +177,7 @@ void runChanges(MultipathDMLinux* driver, const std::vector<Selected>& toChange,
                 PathSwitchResult* result) {
     NA_TRACE_ENTER("runChanges()");
     for (const Selected& s : toChange) {
-        DmToolRun run;
+        CommandResult run;
         int32_t rc = driver->changePathState(s.path->device, request.offline, &run);
         if (rc == RC_OK) {
             logChange(s, request);

@@ -19,23 +19,32 @@ const char kHost2[] = "10:00:00:00:c9:5a:3b:10";
 const char kHost3[] = "10:00:00:00:c9:5a:3b:11";
 const char kHost4[] = "21:00:00:e0:8b:12:ab:cd";
 
+CommandResult answer(int32_t rc, const std::string& out = "", const std::string& err = "") {
+    CommandResult result;
+    result.created = true;
+    result.rc = rc;
+    result.out = out;
+    result.err = err;
+    return result;
+}
+
 // Answers each command line from a table (default: exit 0, no output) and records it.
 class ScriptedZPL : public MultipathZPL {
 public:
     ScriptedZPL() {
-        answers["lunctl query device"] = {0, kDevices, "", ""};
-        answers["lunctl query wwpn"] = {0, kWwpns, "", ""};
+        answers["lunctl query device"] = answer(0, kDevices);
+        answers["lunctl query wwpn"] = answer(0, kWwpns);
     }
     int32_t performDynamicReconfiguration() override { return RC_OK; }
-    std::map<std::string, ZplCommandResult> answers;
+    std::map<std::string, CommandResult> answers;
     Lines ran;
 
 protected:
-    ZplCommandResult runWords(const std::vector<std::string>& words) override {
+    CommandResult runWords(const std::vector<std::string>& words) override {
         std::string line;
         for (const std::string& word : words) line += (line.empty() ? "" : " ") + word;
         ran.push_back(line);
-        ZplCommandResult result = answers.count(line) ? answers[line] : ZplCommandResult{0, "", "", ""};
+        CommandResult result = answers.count(line) ? answers[line] : answer(0);
         result.cmdLine = line;
         return result;
     }
@@ -182,13 +191,13 @@ TEST(MultipathZPLTest, SetPolicyFailuresAreCollected) {
     const char* set0 = "lunctl set device 0 policy lb";
     const char* set1 = "lunctl set device 1 policy lb";
     // The answer is set0's; only a command that cannot run stops the loop.
-    const struct { Lines devices; ZplCommandResult answer; int32_t rc; Lines failed; const char* message;
+    const struct { Lines devices; CommandResult answer; int32_t rc; Lines failed; const char* message;
                    const char* lastCommand; } cases[] = {
-        {{"nodev"}, {0, "", "", ""}, RC_ZPL_DEVICE_NOT_FOUND, {"nodev"}, "AGT0452E", "lunctl query device"},
-        {{"lundev0", "lundev1"}, {2, "busy", "", ""}, RC_DRIVER_CMD_FAILED, {"lundev0"}, "AGT0453E", set1},
-        {{"lundev0", "lundev1"}, {0, "Invalid argument", "", ""}, RC_DRIVER_CMD_FAILED, {"lundev0"}, "AGT0453E", set1},
-        {{"lundev0", "nodev"}, {2, "busy", "", ""}, RC_ZPL_DEVICE_NOT_FOUND, {"lundev0", "nodev"}, "AGT0452E", set0},
-        {{"lundev0", "lundev1"}, {RC_NOT_RUN, "", "", ""}, RC_DRIVER_CMD_FAILED, {}, "STA0356E", set0},
+        {{"nodev"}, answer(0), RC_ZPL_DEVICE_NOT_FOUND, {"nodev"}, "AGT0452E", "lunctl query device"},
+        {{"lundev0", "lundev1"}, answer(2, "busy"), RC_DRIVER_CMD_FAILED, {"lundev0"}, "AGT0453E", set1},
+        {{"lundev0", "lundev1"}, answer(0, "Invalid argument"), RC_DRIVER_CMD_FAILED, {"lundev0"}, "AGT0453E", set1},
+        {{"lundev0", "nodev"}, answer(2, "busy"), RC_ZPL_DEVICE_NOT_FOUND, {"lundev0", "nodev"}, "AGT0452E", set0},
+        {{"lundev0", "lundev1"}, answer(RC_NOT_RUN), RC_DRIVER_CMD_FAILED, {}, "STA0356E", set0},
     };
     for (const auto& c : cases) {
         fakes::LogCapture log;
@@ -203,11 +212,11 @@ TEST(MultipathZPLTest, SetPolicyFailuresAreCollected) {
 
 TEST(MultipathZPLTest, SetStateFailuresAreCollected) {
     // The answer is that of "set device 1 path 1 offline" (host2).
-    const struct { ZplCommandResult answer; int32_t rc; Lines failed; size_t commands; } cases[] = {
-        {{0, "", "", ""}, RC_ZPL_DEVICE_NOT_FOUND, {kHost4}, 4},  // host4 has no path
-        {{3, "busy", "", ""}, RC_ZPL_DEVICE_NOT_FOUND, {kHost2, kHost4}, 4},
-        {{0, "No device file found", "", ""}, RC_ZPL_DEVICE_NOT_FOUND, {kHost2, kHost4}, 4},
-        {{RC_NOT_RUN, "", "", ""}, RC_DRIVER_CMD_FAILED, {}, 3},  // stops the loop
+    const struct { CommandResult answer; int32_t rc; Lines failed; size_t commands; } cases[] = {
+        {answer(0), RC_ZPL_DEVICE_NOT_FOUND, {kHost4}, 4},  // host4 has no path
+        {answer(3, "busy"), RC_ZPL_DEVICE_NOT_FOUND, {kHost2, kHost4}, 4},
+        {answer(0, "No device file found"), RC_ZPL_DEVICE_NOT_FOUND, {kHost2, kHost4}, 4},
+        {answer(RC_NOT_RUN), RC_DRIVER_CMD_FAILED, {}, 3},  // stops the loop
     };
     for (const auto& c : cases) {
         ScriptedZPL zpl;
@@ -220,16 +229,16 @@ TEST(MultipathZPLTest, SetStateFailuresAreCollected) {
     EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, unknown.setState(kSettingOnline, "nodev", {kHost2}));
     EXPECT_EQ(1u, unknown.ran.size());
     ScriptedZPL invalid;
-    invalid.answers["lunctl query wwpn"] = {1, "Invalid argument\n", "", ""};
+    invalid.answers["lunctl query wwpn"] = answer(1, "Invalid argument\n");
     EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, invalid.setState(kSettingOnline, "lundev1", {kHost2}));
     EXPECT_EQ(Lines{kHost2}, invalid.getErrorWWPNs());
 }
 
 TEST(MultipathZPLTest, FailedDeviceQueryIsRetriedAndNotCached) {
-    const std::pair<ZplCommandResult, const char*> cases[] = {
-        {{1, "", "lunctl: driver not loaded", ""}, "Failed to get 'lunctl query device': lunctl: driver not loaded\n"},
-        {{0, "No device file found", "", ""}, "Failed to get 'lunctl query device': No device file found\n"},
-        {{RC_NOT_RUN, "", "", ""}, "Execute command lunctl query device failed.\n"},
+    const std::pair<CommandResult, const char*> cases[] = {
+        {answer(1, "", "lunctl: driver not loaded"), "Failed to get 'lunctl query device': lunctl: driver not loaded\n"},
+        {answer(0, "No device file found"), "Failed to get 'lunctl query device': No device file found\n"},
+        {answer(RC_NOT_RUN), "Execute command lunctl query device failed.\n"},
     };
     for (const auto& c : cases) {
         fakes::TraceCapture trace;

@@ -27,8 +27,9 @@ public:
 protected:
     // Queries answer with their text; every other command with a chosen exit code
     // ("could not run" among them) and a short text.
-    ZplCommandResult runWords(const std::vector<std::string>& words) override {
-        ZplCommandResult result;
+    CommandResult runWords(const std::vector<std::string>& words) override {
+        CommandResult result;
+        result.created = true;
         result.rc = RC_OK;
         for (const std::string& word : words) result.cmdLine += word + " ";
         if (words.size() == 3 && words[2] == "device") {

@@ -18,13 +18,13 @@ public:
         : MultipathDMLinux(dir), word_(dir + word), created_(created) {}
 
 protected:
-    DmToolRun runTool(const std::vector<std::string>& args) override {
+    CommandResult runTool(const std::vector<std::string>& args) override {
         std::string word = word_.substr(word_.rfind('/') + 1);
         bool hit = args[0] == word_ || std::find(args.begin(), args.end(), word) != args.end();
         if (!hit) return MultipathDMLinux::runTool(args);
-        DmToolRun run;
+        CommandResult run;
         run.created = created_;
-        run.command = args[0] + " " + word;
+        run.cmdLine = args[0] + " " + word;
         return run;
     }
 
@@ -272,7 +272,7 @@ TEST_F(MultipathDMLinuxTest, PathStateThroughMultipathd) {
     for (const auto& c : cases) {
         std::string call = std::string(c.fail ? "fail" : "reinstate") + " path " + c.device;
         tools.answer("multipathd." + std::string(c.fail ? "fail" : "reinstate") + ".path." + c.device, c.out, c.status);
-        DmToolRun run;
+        CommandResult run;
         EXPECT_EQ(MultipathDMLinux(tools.dir()).changePathState(c.device, c.fail, &run), c.rc) << c.device;
         if (c.rc != RC_BAD_ARGS) expected.push_back(call);
     }

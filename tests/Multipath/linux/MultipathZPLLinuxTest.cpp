@@ -1,7 +1,5 @@
 #include "Multipath/linux/MultipathZPLLinux.h"
 
-#include <stdexcept>
-
 #include "tests/fakes/FakeTools.h"
 
 namespace {
@@ -12,8 +10,10 @@ using Lines = std::vector<std::string>;
 // The one case no fake tool can produce: a command that cannot run at all.
 class UnrunnableZPLLinux : public MultipathZPLLinux {
 protected:
-    ZplCommandResult runWords(const std::vector<std::string>& words) override {
-        return ZplCommandResult{RC_NOT_RUN, "", "", words[0]};
+    CommandResult runWords(const std::vector<std::string>& words) override {
+        CommandResult result;
+        result.cmdLine = words[0];
+        return result;
     }
 };
 
@@ -68,7 +68,8 @@ TEST(MultipathZPLLinuxTest, FormatWwpnWithColons) {
     EXPECT_EQ("12:34:56:78:90:ab:cd:ef", zpl.formatWWPN("1234567890abcdef "));
     EXPECT_EQ("12:34:56:78:90:ab:cd:e", zpl.formatWWPN("1234567890abcde"));
     for (const char* shortWwpn : {"1234567890abc", "12345", ""}) {
-        EXPECT_THROW(zpl.formatWWPN(shortWwpn), std::out_of_range) << shortWwpn;
+        EXPECT_FALSE(zpl.canFormatWWPN(shortWwpn)) << shortWwpn;
+        EXPECT_EQ("", zpl.formatWWPN(shortWwpn)) << shortWwpn;
     }
 }
 
@@ -80,7 +81,27 @@ TEST(MultipathZPLLinuxTest, SetStateFormatsRequestWwpns) {
     EXPECT_EQ(RC_OK, zpl.setState(kSettingOffline, "lundev2", {"10000000c95a3b11", "10000000c95a3b10"}));
     EXPECT_EQ((Lines{"query device", "query wwpn", "set device 2 path 1 offline", "set device 2 path 0 offline"}),
               tools.calls("lunctl"));
-    EXPECT_THROW(zpl.setState(kSettingOnline, "lundev2", {"10000000c9"}), std::out_of_range);
+}
+
+// A WWPN lunctl cannot be asked about stops the change after the device lookup and
+// after the paths before it, and is not reported as a failed path.
+TEST(MultipathZPLLinuxTest, ShortWwpnStopsTheStateChange) {
+    const struct { Lines wwpns; Lines calls; } cases[] = {
+        {{"10000000c9"}, {"query device"}},
+        {{"10000000c95a3b11", "10000000c9", "10000000c95a3b10"},
+         {"query device", "query wwpn", "set device 2 path 1 online"}},
+    };
+    for (const auto& c : cases) {
+        fakes::FakeTools tools{"lunctl"};
+        tools.answer("lunctl.query.device", testfiles::testData("Multipath/data/lunctl-query-device.txt"));
+        tools.answer("lunctl.query.wwpn", testfiles::testData("Multipath/data/lunctl-query-wwpn.txt"));
+        fakes::LogCapture log;
+        MultipathZPLLinux zpl;
+        EXPECT_EQ(RC_DRIVER_CMD_FAILED, zpl.setState(kSettingOnline, "lundev2", c.wwpns));
+        EXPECT_EQ(c.calls, tools.calls("lunctl"));
+        EXPECT_TRUE(zpl.getErrorWWPNs().empty());
+        EXPECT_EQ("", log.text());
+    }
 }
 
 }  // namespace
