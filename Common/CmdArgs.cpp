@@ -5,8 +5,6 @@
 
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
-#include "Common/JobFile.h"
-#include "Common/LogUtil.h"
 #include "Common/comutils.h"
 
 namespace {
@@ -17,9 +15,6 @@ constexpr int32_t kMaxServerPort = 65535;
 // Command codes run to 47 and general option ids to 64.
 constexpr int32_t kAgentCommandRows = 48;
 constexpr int32_t kGeneralOptionColumns = 65;
-constexpr const char* kLogDirName = "log";
-constexpr const char* kLogExt = ".log";
-constexpr const char* kTraceExt = ".trace";
 
 // The job name of each job type the finishing step knows.
 struct JobTypeName {
@@ -275,63 +270,10 @@ std::string stripTokenQuotes(std::string token) {
     return token;
 }
 
-// The numbered log series is only used when the line asks for limits; the
-// smaller of the two count limits wins, and 0 means "no limit".
-LogPurgeSettings purgeSettingsFor(const CmdArgs& args) {
-    LogPurgeSettings settings;
-    int32_t countLimit = INT32_MAX;
-    if ((args.logLimitsGiven & kGivenMaxNumLogs) && args.maxNumLogs > 0) countLimit = args.maxNumLogs;
-    if ((args.logLimitsGiven & kGivenMaxNumRuns) && args.maxNumRuns > 0 && args.maxNumRuns < countLimit) {
-        countLimit = args.maxNumRuns;
-    }
-    settings.countLimitAged = countLimit;
-    settings.countLimitPlain = countLimit;
-    settings.maxDays = (args.logLimitsGiven & kGivenMaxNumDays) ? args.maxNumDays : 0;
-    settings.maxSize = args.maxLogSize;
-    return settings;
-}
-
-void purgeSeries(const LogPurgeSettings& settings, const std::string& logDir, const char* ext) {
-    std::map<int32_t, std::string> files = getMatchingFilesMap(logDir, "multipath", ext);
-    purgeLogFiles(settings, files, settings.maxDays > 0);
-}
-
-void buildLogFileName(CmdArgs* args) {
-    NA_TRACE_ENTER("buildLogFileName()");
-    std::string logDir = args->installDir + "/" + kLogDirName;
-    if (args->logLimitsGiven != 0) {
-        LogPurgeSettings settings = purgeSettingsFor(*args);
-        bool checkSize = (args->logLimitsGiven & kGivenMaxLogSize) != 0;
-        args->logFileName = logDir + "/" + getNextLogName(settings, logDir, "multipath", kLogExt, checkSize);
-        purgeSeries(settings, logDir, kLogExt);
-        purgeSeries(settings, logDir, kTraceExt);
-    }
-    NA_TRACE_EXIT("Exit: %s, logFileName = %s\n", "buildLogFileName()", NA_STR(args->logFileName));
-}
-
-// The trace sits beside the activity log under the same base name.
-std::string traceNameFor(const std::string& logFile) {
-    std::string::size_type slash = logFile.rfind('/');
-    std::string::size_type dot = logFile.rfind('.');
-    bool hasExt = dot != std::string::npos && (slash == std::string::npos || dot > slash);
-    return (hasExt ? logFile.substr(0, dot) : logFile) + kTraceExt;
-}
-
-void finishJob(CmdArgs* args, int32_t jobType) {
-    NA_TRACE_ENTER("finishJob()");
-    std::string logDir = args->installDir + "/" + kLogDirName;
+void setJobName(CmdArgs* args, int32_t jobType) {
     for (const JobTypeName& row : kJobTypeNames) {
         if (row.jobType == jobType) args->jobName = row.jobName;
     }
-    if (!args->debugMode.empty()) {
-        args->traceFileName = traceNameFor(args->logFileName.empty() ? logDir + "/multipath" + kLogExt
-                                                                     : args->logFileName);
-    }
-    if (args->jobRunNumber >= 0 && args->sidRunNumber >= 0) {
-        args->jobFileName = buildJobFileName(logDir, args->jobName, args->jobRunNumber, args->sidRunNumber);
-    }
-    NA_TRACE_EXIT("Exit: %s, traceFileName = %s, jobFileName = %s\n", "finishJob()", NA_STR(args->traceFileName),
-                  NA_STR(args->jobFileName));
 }
 
 int32_t parsePathPlanner(CmdArgs* args) {
@@ -344,10 +286,7 @@ int32_t parsePathPlanner(CmdArgs* args) {
         args->errorText = "Unable to determine install location\n";
         rc = RC_NO_INSTALL_DIR;
     }
-    if (rc == RC_OK) {
-        buildLogFileName(args);
-        finishJob(args, kJobTypeMultipath);
-    }
+    if (rc == RC_OK) setJobName(args, kJobTypeMultipath);
     return rc;
 }
 

@@ -52,7 +52,8 @@ public:
 
     // RC_OK, RC_NO_COMMAND, RC_BAD_ARGS, RC_MISSING_VALUE or RC_NO_INSTALL_DIR.
     // On RC_BAD_ARGS currentArg holds the rejected argument; handlers that reject a
-    // value also set errorText.
+    // value also set errorText. Only fills the record: the run's files are named and
+    // purged by settleRunFiles.
     int32_t parse();
     // The installation directory: the one given, else the platform's; may be empty.
     // Settles installDir, so it may be called before parse().
@@ -89,11 +90,12 @@ public:
     std::string multipathValue;                 // the raw request, unchanged
     std::vector<std::string> multipathOptions;  // its tokens
 
-    // Files settled by a successful parse.
+    std::string jobName;  // job-name part, "multipath" for the path planner
+
+    // Files named by settleRunFiles (Common/RunFiles.h) after a successful parse.
     std::string logFileName;    // empty: the default activity log
     std::string traceFileName;  // empty: no trace
-    std::string jobName;        // job-name part, "multipath" for the path planner
-    std::string jobFileName;    // set by the finishing step when both run numbers are known
+    std::string jobFileName;    // set when both run numbers are known
     int32_t jobRunNumber = -1;
     int32_t sidRunNumber = -1;
     time_t jobStartTime = -1;

@@ -16,9 +16,7 @@
 #include "PathPlanner/WalkTheBus.h"
 #include "PathPlannerVersion.h"
 
-int32_t multipathSetting = 0;
-std::vector<std::string> multipathDevices;
-std::vector<std::string> multipathWwpns;
+MultipathRequest multipathRequest;
 
 const char kPathPlannerComponent[] = "PathPlanner";
 const char kPathPlannerVersion[] = PP_VERSION;
@@ -42,11 +40,11 @@ bool scanSetting(const std::string& token, int32_t* setting) {
     return found;
 }
 
-int32_t storeStateRequest(const std::vector<std::string>& options) {
+int32_t storeStateRequest(const std::vector<std::string>& options, MultipathRequest* request) {
     int32_t rc = RC_OK;
     if (options.size() > 2) {
-        multipathDevices.push_back(options[1]);
-        multipathWwpns.insert(multipathWwpns.end(), options.begin() + 2, options.end());
+        request->devices.push_back(options[1]);
+        request->wwpns.insert(request->wwpns.end(), options.begin() + 2, options.end());
     } else {
         rc = RC_MISSING_VALUE;
         NA_TRACE_MIN("Multipath arguments are incomplete, lundev or its paths are missing.\n");
@@ -57,10 +55,10 @@ int32_t storeStateRequest(const std::vector<std::string>& options) {
     return rc;
 }
 
-int32_t storePolicyRequest(const std::vector<std::string>& options) {
+int32_t storePolicyRequest(const std::vector<std::string>& options, MultipathRequest* request) {
     int32_t rc = RC_OK;
     if (options.size() > 1) {
-        multipathDevices.insert(multipathDevices.end(), options.begin() + 1, options.end());
+        request->devices.insert(request->devices.end(), options.begin() + 1, options.end());
     } else {
         rc = RC_MISSING_VALUE;
         NA_TRACE_MIN("Multipath arguments are incomplete, lundevs are missing.\n");
@@ -71,34 +69,51 @@ int32_t storePolicyRequest(const std::vector<std::string>& options) {
 }
 
 // Tokens after the setting mean nothing to a rescan.
-int32_t storeWalkRequest(const std::vector<std::string>&) {
+int32_t storeWalkRequest(const std::vector<std::string>&, MultipathRequest*) {
     NA_TRACE_MID("Multipath Walk-The-Bus Action\n");
     return RC_OK;
 }
 
+// The agent is told which policy goes to which devices before the driver is asked.
+int32_t announceAndSetPolicy(PPlannerDriver* plannerDriver, const MultipathRequest& request) {
+    logMsg(activityLog, AGT0458I, policyName(request.setting), NA_STR(joinWords(request.devices)));
+    return setMultipathPolicy(plannerDriver, request);
+}
+
+int32_t announceAndWalk(PPlannerDriver* plannerDriver, const MultipathRequest&) {
+    logMsg(activityLog, AGT0459I);
+    return walkTheBus(plannerDriver);
+}
+
+// Each setting range with what validation stores for it and the action it runs.
 struct SettingKind {
     int32_t first;
     int32_t last;
-    int32_t (*store)(const std::vector<std::string>& options);
+    int32_t (*store)(const std::vector<std::string>& options, MultipathRequest* request);
+    int32_t (*act)(PPlannerDriver* plannerDriver, const MultipathRequest& request);
 };
 
 const SettingKind kSettingKinds[] = {
-    {kSettingOffline, kSettingOnline, storeStateRequest},
-    {kSettingLoadBalancing, kSettingFailover, storePolicyRequest},
-    {kSettingWalkTheBus, kSettingWalkTheBus, storeWalkRequest},
+    {kSettingOffline, kSettingOnline, storeStateRequest, setMultipathState},
+    {kSettingLoadBalancing, kSettingFailover, storePolicyRequest, announceAndSetPolicy},
+    {kSettingWalkTheBus, kSettingWalkTheBus, storeWalkRequest, announceAndWalk},
 };
 
-int32_t storeRequest(const std::vector<std::string>& options) {
-    int32_t rc = RC_UNKNOWN_SETTING;
-    const SettingKind* kind = nullptr;
-    for (const SettingKind& k : kSettingKinds) {
-        if (multipathSetting >= k.first && multipathSetting <= k.last) kind = &k;
+const SettingKind* findSettingKind(int32_t setting) {
+    for (const SettingKind& kind : kSettingKinds) {
+        if (setting >= kind.first && setting <= kind.last) return &kind;
     }
+    return nullptr;
+}
+
+int32_t storeRequest(const std::vector<std::string>& options, MultipathRequest* request) {
+    int32_t rc = RC_UNKNOWN_SETTING;
+    const SettingKind* kind = findSettingKind(request->setting);
     if (kind) {
-        rc = kind->store(options);
+        rc = kind->store(options, request);
     } else {
-        NA_TRACE_MIN("Unknown multipathSetting: %d\n", multipathSetting);
-        noteFailure("the setting given is " + std::to_string(multipathSetting));
+        NA_TRACE_MIN("Unknown multipathSetting: %d\n", request->setting);
+        noteFailure("the setting given is " + std::to_string(request->setting));
     }
     return rc;
 }
@@ -131,51 +146,56 @@ const char* policyName(int32_t setting) {
     return name;
 }
 
-int32_t validateArgs(const std::vector<std::string>& options) {
+int32_t validateArgs(const std::vector<std::string>& options, MultipathRequest* request) {
     NA_TRACE_ENTER("validateArgs()");
     int32_t rc = RC_OK;
     if (options.empty()) {
         rc = RC_MISSING_VALUE;
         NA_TRACE_MIN("No multipath arguments to work with.\n");
         logMsg(activityLog, AGT0272E, "multipath", std::to_string(rc).c_str());
-    } else if (!scanSetting(options[0], &multipathSetting)) {
+    } else if (!scanSetting(options[0], &request->setting)) {
         rc = RC_BAD_ARGS;
         logMsg(activityLog, AGT0398E, NA_STR(options[0]));
         NA_TRACE_MIN(" '%s' is not a valid multipath option.\n", NA_STR(options[0]));
     } else {
-        rc = storeRequest(options);
+        rc = storeRequest(options, request);
     }
     NA_TRACE_EXIT("Exit: %s rc: %i\n", "validateArgs()", rc);
     return rc;
 }
 
-int32_t setMultipathPolicy(PPlannerDriver* plannerDriver) {
+int32_t runRequestedAction(PPlannerDriver* plannerDriver, const MultipathRequest& request) {
+    const SettingKind* kind = findSettingKind(request.setting);
+    return kind ? kind->act(plannerDriver, request) : RC_OK;
+}
+
+int32_t setMultipathPolicy(PPlannerDriver* plannerDriver, const MultipathRequest& request) {
     NA_TRACE_ENTER("setMultipathPolicy()");
     int32_t rc = RC_NO_MULTIPATH_DRIVER;
     std::unique_ptr<MultipathDriver> driver = driverOrReport(plannerDriver);
     if (driver) {
         // The echo is built only when it will be traced: the device list may be long.
-        if (naTraceMid && !multipathDevices.empty()) {
-            NA_TRACE_MID("Calling: setPolicy with multipathSetting = %d for devices \"%s\"\n", multipathSetting,
-                         NA_STR(joinWords(multipathDevices)));
+        if (naTraceMid && !request.devices.empty()) {
+            NA_TRACE_MID("Calling: setPolicy with multipathSetting = %d for devices \"%s\"\n", request.setting,
+                         NA_STR(joinWords(request.devices)));
         }
-        rc = driver->setPolicy(multipathSetting, multipathDevices);
+        rc = driver->setPolicy(request.setting, request.devices);
     }
     NA_TRACE_EXIT("Exit: %s, rc = %d\n", "setMultipathPolicy()", rc);
     return rc;
 }
 
-int32_t setMultipathState(PPlannerDriver* plannerDriver) {
+int32_t setMultipathState(PPlannerDriver* plannerDriver, const MultipathRequest& request) {
     NA_TRACE_ENTER("setMultipathState()");
     int32_t rc = RC_NO_MULTIPATH_DRIVER;
     std::unique_ptr<MultipathDriver> driver = driverOrReport(plannerDriver);
     if (driver) {
-        const std::string device = multipathDevices.empty() ? std::string() : multipathDevices.front();
-        if (naTraceMid && !multipathWwpns.empty()) {
+        const std::string device = request.devices.empty() ? std::string() : request.devices.front();
+        if (naTraceMid && !request.wwpns.empty()) {
             NA_TRACE_MID("Calling: setState with multipathSetting = %d for device \"%s\" for wwpns = \"%s\"\n",
-                         multipathSetting, NA_STR(device), NA_STR(joinWords(multipathWwpns)));
+                         request.setting, NA_STR(device), NA_STR(joinWords(request.wwpns)));
         }
-        rc = driver->setState(multipathSetting, device, multipathWwpns);
+        rc = driver->setState(request.setting, device, request.wwpns);
     }
     NA_TRACE_EXIT("Exit: %s, rc = %d\n", "setMultipathState()", rc);
     return rc;

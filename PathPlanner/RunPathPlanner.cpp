@@ -1,9 +1,10 @@
 // The program's one pass. The order of the steps is part of the tool's contract
 // with the agent: what is logged, what is traced and which exit status wins all
 // depend on it, so each step below runs only when the steps before it allow.
+#include "PathPlanner/RunPathPlanner.h"
+
 #include <cstdio>
 #include <ctime>
-#include <exception>
 #include <memory>
 #include <new>
 #include <string>
@@ -16,6 +17,7 @@
 #include "Common/FailureNote.h"
 #include "Common/JobFile.h"
 #include "Common/LogManager.h"
+#include "Common/RunFiles.h"
 #include "Common/comutils.h"
 #include "Common/unix/psnautil.h"
 #include "Common/unix/pssignal.h"
@@ -72,6 +74,7 @@ void startMessages(RunState* run) {
 void parseCommandLine(RunState* run) {
     if (run->rc == RC_OK) {
         run->rc = run->args->parse();
+        if (run->rc == RC_OK) settleRunFiles(run->args.get());
         if (run->rc != RC_OK) noteFailure(run->args->errorText);
         if (!run->args->logFileName.empty()) run->logPath = run->args->logFileName;
     }
@@ -111,43 +114,6 @@ void startTraceAndAnnounce(int argc, const char* const* argv, RunState* run) {
     }
 }
 
-int32_t dispatchAction(PPlannerDriver* plannerDriver) {
-    int32_t rc = RC_OK;
-    switch (multipathSetting) {
-    case kSettingWalkTheBus:
-        logMsg(activityLog, AGT0459I);
-        rc = walkTheBus(plannerDriver);
-        break;
-    case kSettingOffline:
-    case kSettingOnline:
-        rc = setMultipathState(plannerDriver);
-        break;
-    case kSettingLoadBalancing:
-    case kSettingRoundRobin:
-    case kSettingFailover:
-        logMsg(activityLog, AGT0458I, policyName(multipathSetting), NA_STR(joinWords(multipathDevices)));
-        rc = setMultipathPolicy(plannerDriver);
-        break;
-    default:
-        break;
-    }
-    return rc;
-}
-
-// Drivers report failures by return code; an exception that still escapes one
-// (a malformed WWPN reaching a string operation, say) means its command could not
-// be carried out, and must not skip the job file and the end message.
-int32_t runAction(PPlannerDriver* plannerDriver) {
-    int32_t rc = RC_OK;
-    try {
-        rc = dispatchAction(plannerDriver);
-    } catch (const std::exception& e) {
-        NA_TRACE_MIN("Multipath action ended by an exception: %s\n", NA_STR(e.what()));
-        rc = RC_DRIVER_CMD_FAILED;
-    }
-    return rc;
-}
-
 // The agent reads the end fields before the file goes; both steps are wanted.
 void finishJobFile(const std::string& jobFile, int32_t rc) {
     if (!jobFile.empty()) {
@@ -170,8 +136,8 @@ void runJob(RunState* run) {
     // getPlannerDriver ignores the label; it is kept so the call reads as the agent's.
     std::unique_ptr<PPlannerDriver> plannerDriver =
         getPlannerDriver(kDriverLabelPrefix + args.jobName, run->installDir);
-    run->rc = runAction(plannerDriver.get());
-    run->afterRescan = multipathSetting == kSettingWalkTheBus;
+    run->rc = runRequestedAction(plannerDriver.get(), multipathRequest);
+    run->afterRescan = multipathRequest.setting == kSettingWalkTheBus;
     args.jobEndTime = time(nullptr);
     finishJobFile(jobFile, run->rc);
 }
@@ -182,7 +148,7 @@ void runRequest(RunState* run) {
         fputs("\n", stdout);
         fflush(stdout);
     } else if (run->rc == RC_OK) {
-        run->rc = validateArgs(run->args->multipathOptions);
+        run->rc = validateArgs(run->args->multipathOptions, &multipathRequest);
         if (run->rc == RC_OK) runJob(run);
     }
 }

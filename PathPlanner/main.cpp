@@ -1,6 +1,6 @@
 #include <sys/stat.h>
 
-#include "PathPlanner/ExecPathPlanner.h"
+#include "PathPlanner/RunPathPlanner.h"
 
 int main(int argc, char** argv) {
     // The tool runs as root with whatever umask its caller had; its log and trace

@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "Common/RunFiles.h"
 #include "Common/comutils.h"
 #include "gtest/gtest.h"
 #include "tests/support/TestFiles.h"
@@ -114,6 +115,7 @@ TEST_F(CmdArgsTest, InstallLocAndRunNumbersSettleTheFiles) {
     args.sidRunNumber = 34;
     ASSERT_EQ(RC_OK, args.parse());
     EXPECT_EQ(dir_.path(), args.installDir);
+    settleRunFiles(&args);
     EXPECT_EQ(logDir_ + "/multipath_12_34.jobinfo", args.jobFileName);
 }
 
@@ -129,6 +131,7 @@ TEST_F(CmdArgsTest, UnknownInstallDirectoryGives59) {
     EXPECT_TRUE(args.jobName.empty());
 }
 
+// Parsing leaves the log directory alone; settling the run's files names and purges.
 TEST_F(CmdArgsTest, LimitsSelectAndPurgeNumberedLogs) {
     const std::string old = "multipath_000004.log";  // 3 KB and ten days old; the others are small and new
     const Words series = {"multipath_000001.log", "multipath_000002.log", "multipath_000003.log", old,
@@ -156,6 +159,9 @@ TEST_F(CmdArgsTest, LimitsSelectAndPurgeNumberedLogs) {
         utimes((logDir_ + "/" + old).c_str(), tenDaysAgo);
         CmdArgs& args = line(c.words);
         ASSERT_EQ(RC_OK, args.parse()) << PrintToString(c.words);
+        EXPECT_EQ("", args.logFileName + args.traceFileName);
+        for (const std::string& file : c.files) EXPECT_TRUE(testfiles::fileExists(logDir_ + "/" + file)) << file;
+        settleRunFiles(&args);
         EXPECT_EQ(c.logFile.empty() ? "" : logDir_ + "/" + c.logFile, args.logFileName) << PrintToString(c.words);
         EXPECT_EQ(c.traceFile.empty() ? "" : logDir_ + "/" + c.traceFile, args.traceFileName);
         for (const std::string& file : c.files) {

@@ -26,17 +26,9 @@ public:
     MOCK_METHOD(std::unique_ptr<WalkTheBus>, getWalkTheBusVehicle, (), (override));
 };
 
-// The request globals start empty, as they do in a fresh process.
 class ExecPathPlannerTest : public ::testing::Test {
 protected:
-    void SetUp() override { reset(); }
-    void TearDown() override { reset(); }
-    static void reset() {
-        multipathSetting = 0;
-        multipathDevices.clear();
-        multipathWwpns.clear();
-        agentStopRequested = 0;
-    }
+    void TearDown() override { agentStopRequested = 0; }
     // The planner hands out this driver at its next call.
     static void plan(MockPlannerDriver* planner, std::unique_ptr<MultipathDriver> driver) {
         EXPECT_CALL(*planner, getMultipathDriver()).WillOnce(Return(ByMove(std::move(driver))));
@@ -54,13 +46,13 @@ TEST_F(ExecPathPlannerTest, ValidateArgsStoresAcceptedRequests) {
         {{"+3abc", "dev1"}, 3, {"dev1"}, {}, "Policy Change"},
     };
     for (const auto& c : cases) {
-        reset();
         fakes::TraceCapture trace;
         const std::string input = ::testing::PrintToString(c.tokens);
-        EXPECT_EQ(RC_OK, validateArgs(c.tokens)) << input;
-        EXPECT_EQ(c.setting, multipathSetting) << input;
-        EXPECT_EQ(c.devices, multipathDevices) << input;
-        EXPECT_EQ(c.wwpns, multipathWwpns) << input;
+        MultipathRequest request;
+        EXPECT_EQ(RC_OK, validateArgs(c.tokens, &request)) << input;
+        EXPECT_EQ(c.setting, request.setting) << input;
+        EXPECT_EQ(c.devices, request.devices) << input;
+        EXPECT_EQ(c.wwpns, request.wwpns) << input;
         EXPECT_THAT(trace.text(), HasSubstr(std::string("Multipath ") + c.action + " Action\n")) << input;
     }
 }
@@ -77,12 +69,12 @@ TEST_F(ExecPathPlannerTest, ValidateArgsRejectsBadRequests) {
         {{"2"}, RC_MISSING_VALUE, "Multipath arguments are incomplete, lundevs are missing.\n", ""},
     };
     for (const auto& c : cases) {
-        reset();
         fakes::TraceCapture trace;
         fakes::LogCapture log;
         const std::string input = ::testing::PrintToString(c.tokens);
-        EXPECT_EQ(c.rc, validateArgs(c.tokens)) << input;
-        EXPECT_TRUE(multipathDevices.empty() && multipathWwpns.empty()) << input;
+        MultipathRequest request;
+        EXPECT_EQ(c.rc, validateArgs(c.tokens, &request)) << input;
+        EXPECT_TRUE(request.devices.empty() && request.wwpns.empty()) << input;
         EXPECT_THAT(trace.text(), HasSubstr(c.trace)) << input;
         std::string logged = log.text();
         EXPECT_TRUE(c.message[0] ? logged.find(c.message) != std::string::npos : logged.empty()) << input << logged;
@@ -90,46 +82,47 @@ TEST_F(ExecPathPlannerTest, ValidateArgsRejectsBadRequests) {
 }
 
 TEST_F(ExecPathPlannerTest, PolicyAndStateWithoutDriverReturnNoDriver) {
-    multipathDevices = {"dev1"};
-    multipathWwpns = {"w1"};
-    for (auto action : {setMultipathPolicy, setMultipathState}) {
+    for (int32_t setting : {kSettingOffline, kSettingFailover}) {
         fakes::LogCapture log;
         MockPlannerDriver planner;
         plan(&planner, nullptr);
-        EXPECT_EQ(RC_NO_MULTIPATH_DRIVER, action(&planner));
-        EXPECT_THAT(log.text(), HasSubstr("AGT0456E"));
+        EXPECT_EQ(RC_NO_MULTIPATH_DRIVER, runRequestedAction(&planner, {setting, {"dev1"}, {"w1"}})) << setting;
+        EXPECT_THAT(log.text(), HasSubstr("AGT0456E")) << setting;
     }
 }
 
-TEST_F(ExecPathPlannerTest, ActionsPassRequestAndReturnDriverResult) {
+// The setting picks the action; the announcement, if any, precedes the driver call.
+TEST_F(ExecPathPlannerTest, SettingPicksTheActionAndItsAnnouncement) {
     fakes::TraceCapture trace;
-    multipathDevices = {"lun7", "lun8"};
-    multipathWwpns = {"500507680140a1b2", "500507680140a1b3"};
     MockPlannerDriver planner;
     auto policyDriver = std::make_unique<StrictMock<MockMultipathDriver>>();
-    multipathSetting = 3;
     EXPECT_CALL(*policyDriver, setPolicy(3, ElementsAre("lun7", "lun8"))).WillOnce(Return(RC_SETTING_NOT_SUPPORTED));
     plan(&planner, std::move(policyDriver));
-    EXPECT_EQ(RC_SETTING_NOT_SUPPORTED, setMultipathPolicy(&planner));
+    fakes::LogCapture policyLog;
+    EXPECT_EQ(RC_SETTING_NOT_SUPPORTED, runRequestedAction(&planner, {3, {"lun7", "lun8"}, {}}));
+    EXPECT_THAT(policyLog.text(), HasSubstr("AGT0458I"));
     auto stateDriver = std::make_unique<StrictMock<MockMultipathDriver>>();
-    multipathSetting = 0;
     EXPECT_CALL(*stateDriver, setState(0, "lun7", ElementsAre("500507680140a1b2", "500507680140a1b3")))
         .WillOnce(Return(RC_ZPL_DEVICE_NOT_FOUND));
     plan(&planner, std::move(stateDriver));
-    EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, setMultipathState(&planner));
+    fakes::LogCapture stateLog;
+    EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND,
+              runRequestedAction(&planner, {0, {"lun7"}, {"500507680140a1b2", "500507680140a1b3"}}));
+    EXPECT_EQ("", stateLog.text());
     EXPECT_THAT(trace.text(), HasSubstr("Calling: setPolicy with multipathSetting = 3 for devices \"lun7 lun8\"\n"));
     EXPECT_THAT(trace.text(), HasSubstr("Calling: setState with multipathSetting = 0 for device \"lun7\" for wwpns = "
                                         "\"500507680140a1b2 500507680140a1b3\"\n"));
 }
 
 TEST_F(ExecPathPlannerTest, WalkTheBusReturnsVehicleResultUnlessStopped) {
-    fakes::LogCapture log;
     auto scanning = std::make_unique<MockWalkTheBus>();
     EXPECT_CALL(*scanning, walkTheBus()).WillOnce(Return(42));
     MockPlannerDriver scanner;
     EXPECT_CALL(scanner, getWalkTheBusVehicle()).WillOnce(Return(ByMove(std::move(scanning))));
-    EXPECT_EQ(42, walkTheBus(&scanner));
-    EXPECT_EQ("", log.text());
+    fakes::LogCapture walkLog;
+    EXPECT_EQ(42, runRequestedAction(&scanner, {kSettingWalkTheBus, {}, {}}));
+    EXPECT_THAT(walkLog.text(), HasSubstr("AGT0459I"));
+    fakes::LogCapture log;
     fakes::TraceCapture trace;
     agentStopRequested = 1;
     auto vehicle = std::make_unique<MockWalkTheBus>();

@@ -5,7 +5,7 @@
 
 #include "Common/CmdArgs.h"
 #include "Common/LogManager.h"
-#include "PathPlanner/ExecPathPlanner.h"
+#include "PathPlanner/RunPathPlanner.h"
 #include "gtest/gtest.h"
 
 namespace {

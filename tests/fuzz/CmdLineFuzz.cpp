@@ -45,10 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CmdArgs args(static_cast<int32_t>(words.size()), argv.data(), kParseModePathPlanner);
     int32_t rc = args.parse();
     if (rc == RC_OK && args.commandCode == kCommandMultipath) {
-        multipathDevices.clear();
-        multipathWwpns.clear();
-        rc = validateArgs(args.multipathOptions);
-        if (rc == RC_OK && multipathDevices.empty() && multipathSetting != kSettingWalkTheBus) __builtin_trap();
+        MultipathRequest request;
+        rc = validateArgs(args.multipathOptions, &request);
+        if (rc == RC_OK && request.devices.empty() && request.setting != kSettingWalkTheBus) __builtin_trap();
     }
     return 0;
 }
