@@ -165,8 +165,12 @@ int32_t validateArgs(const std::vector<std::string>& options, MultipathRequest* 
 }
 
 int32_t runRequestedAction(PPlannerDriver* plannerDriver, const MultipathRequest& request) {
+    NA_TRACE_ENTER("runRequestedAction()");
+    // Validation admits only settings the table knows, so a miss runs nothing.
     const SettingKind* kind = findSettingKind(request.setting);
-    return kind ? kind->act(plannerDriver, request) : RC_OK;
+    int32_t rc = kind ? kind->act(plannerDriver, request) : RC_OK;
+    NA_TRACE_EXIT("Exit: %s, rc = %d\n", "runRequestedAction()", rc);
+    return rc;
 }
 
 int32_t setMultipathPolicy(PPlannerDriver* plannerDriver, const MultipathRequest& request) {
