@@ -61,54 +61,11 @@ TEST_F(AgentMessagesTest, OutputOperationsReachTheirDestinations) {
     EXPECT_EQ(std::string::npos, logged.find("AGT0445I"));
 }
 
-TEST_F(AgentMessagesTest, GermanCatalogueReordersInserts) {
-    ASSERT_EQ(0, restartMessages("de_DE.UTF-8"));
-    EXPECT_EQ("AGT0458I Für die Geräte mpatha mpathb wird die Pfadauswahlrichtlinie Failover eingestellt.",
-              getMsg(AGT0458I, "Failover", "mpatha mpathb"));
-}
-
 TEST_F(AgentMessagesTest, StartFailsWithoutCatalogues) {
     endMessages();
     EXPECT_EQ(RC_MESSAGES_FAILED, initMessages("/nonexistent/nls", "", "qlxna.cat", ""));
     EXPECT_EQ(0, messageStatus());
     EXPECT_EQ("", getMsg(AGT0456E));
-}
-
-TEST(CatalogLanguageTest, EnvironmentNamesTheLanguageWhenTheLocaleIsMissing) {
-    const struct {
-        const char* locale;  // what setlocale made of the message category (null: failed)
-        const char *lcAll, *lcMessages, *lang;
-        const char* language;
-    } cases[] = {
-        {"de_DE.UTF-8", nullptr, nullptr, "de_DE.UTF-8", "de_DE"},
-        {nullptr, nullptr, nullptr, "de_DE.UTF-8", "de_DE"},  // locale not generated
-        {"C", nullptr, nullptr, "de_DE.UTF-8", "de_DE"},
-        {"C", "C", nullptr, "de_DE.UTF-8", ""},               // LC_ALL wins, even as C
-        {"C", "", "de_DE@euro", "en_US.UTF-8", "de_DE"},      // empty counts as unset
-        {"C", nullptr, "POSIX", "de_DE.UTF-8", ""},
-        {"C.UTF-8", nullptr, nullptr, "C.UTF-8", ""},
-        {"POSIX", nullptr, nullptr, nullptr, ""},
-        {nullptr, nullptr, nullptr, nullptr, ""},
-        {"fr_FR.ISO-8859-1", nullptr, nullptr, "de_DE", "fr_FR"},
-        {"C", nullptr, nullptr, "de", "de"},  // the repository derives de_DE itself
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.language, catalogLanguage(c.locale, c.lcAll, c.lcMessages, c.lang))
-            << (c.locale ? c.locale : "(null)") << " " << (c.lcAll ? c.lcAll : "-") << " "
-            << (c.lcMessages ? c.lcMessages : "-") << " " << (c.lang ? c.lang : "-");
-    }
-}
-
-TEST(CuNextWordTest, LengthIsEndIndex) {
-    // The word takes as many characters as the index it ends at, so a later word runs on past its end.
-    const struct { const char* line; int32_t pos; const char* word; int32_t newPos; } cases[] = {
-        {"  abc def", 0, "abc d", 5}, {"  abc def", 5, "def", 9}, {"  abc def", 9, "", 9}, {"word", 0, "word", 4},
-        {"   ", 1, "", 1}, {"a b", 17, "", 17}, {"a b", -3, "", -3}};
-    for (const auto& c : cases) {
-        int32_t pos = c.pos;
-        EXPECT_EQ(c.word, cuNextWord(c.line, &pos)) << c.line << " @" << c.pos;
-        EXPECT_EQ(c.newPos, pos) << c.line << " @" << c.pos;
-    }
 }
 
 }  // namespace

@@ -23,19 +23,6 @@ TEST(CmdExecerTest, CommandQuotesProgramAndAppendsToCaptureFiles) {
     EXPECT_EQ(RC_NOT_RUN, CmdExecer({}).runCommand());
 }
 
-// Command lines are full detail: a MID trace leaves them out, a MAX trace has them.
-TEST(CmdExecerTest, CommandLineIsTracedAtMaxOnly) {
-    for (const char* level : {"MID", "MAX"}) {
-        testfiles::TempDir dir;
-        std::string path = dir.file("t.trace");
-        ASSERT_EQ(RC_OK, initTrace(path, level, 1024));
-        CmdExecer({"/bin/true"}, dir.file("o"), dir.file("e")).runCommand();
-        endTrace();
-        bool traced = testfiles::readFile(path).find("Executing command: \"/bin/true\"") != std::string::npos;
-        EXPECT_EQ(std::string(level) == "MAX", traced) << level;
-    }
-}
-
 TEST(CmdExecerTest, TemporaryCaptureFilesAreDistinctAndDeleted) {
     std::string out, err;
     {

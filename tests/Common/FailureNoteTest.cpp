@@ -8,10 +8,7 @@
 namespace {
 
 TEST(FailureNoteTest, KeepsTheLastLineThatSaysSomething) {
-    const struct {
-        const char* text;
-        const char* note;
-    } cases[] = {
+    const struct { const char* text; const char* note; } cases[] = {
         {"Error: SCSI subsystem not active\n", "Error: SCSI subsystem not active"},
         {"Scanning host 0\r\nNo SCSI host adapters found in /sys\r\n", "No SCSI host adapters found in /sys"},
         {"first\n  last words \t\n\n \n", "last words"},

@@ -83,58 +83,8 @@ TEST_F(FilelockTest, LockOfKilledHolderIsTakenOver) {
     EXPECT_EQ(1, inChild([&] { return Filelock(path_).isLocked() ? 1 : 0; }));
 }
 
-TEST_F(FilelockTest, FailuresReturnTheirCodes) {
-    EXPECT_EQ(RC_LOCK_FAILED, Filelock("").lockFile());
-    Filelock nowhere("/nonexistent-dir/agent.pid");
-    EXPECT_EQ(RC_LOCK_FAILED, nowhere.lockFile());
-    testfiles::writeFile(path_, "not a pid");
-    int32_t pid = 0;
-    std::string data;
-    Filelock unlocked(path_);
-    EXPECT_EQ(RC_READ_PID_FAILED, unlocked.readProcessId(&pid, &data));
-    EXPECT_EQ(RC_WRITE_FAILED, unlocked.writeProcessId("data"));
-    EXPECT_EQ(RC_UNLOCK_FAILED, unlocked.unlockFile());
-    EXPECT_EQ("not a pid", testfiles::readFile(path_));  // a file we do not hold is never deleted
-}
-
-TEST(ParsePidFileTextTest, NumberThenOptionalData) {
-    const struct { std::string text; bool ok; int32_t pid; std::string data; } cases[] = {
-        {"123", true, 123, ""}, {"123 abc def", true, 123, "abc def"}, {"7 ", true, 7, ""}, {"42\n", true, 42, ""},
-        {"42 data\r\n", true, 42, "data"}, {"2147483647", true, 2147483647, ""}, {"", false, 0, ""},
-        {" 12", false, 0, ""}, {"-", false, 0, ""}, {"abc", false, 0, ""}, {"12x", false, 0, ""},
-        {"99999999999", false, 0, ""}, {"2147483648", false, 0, ""}};
-    for (const auto& c : cases) {
-        int32_t pid = 0;
-        std::string data = "stale";
-        ASSERT_EQ(c.ok, parsePidFileText(c.text, &pid, &data)) << c.text;
-        EXPECT_TRUE(!c.ok || (pid == c.pid && data == c.data)) << c.text << " gave " << pid << " '" << data << "'";
-    }
-}
-
-TEST_F(FilelockTest, PidFileOfProcessCreatedAndRemoved) {
-    ASSERT_EQ(RC_OK, createPidFile("\"" + path_ + "\""));  // a quoted name is accepted
-    EXPECT_TRUE(testfiles::fileExists(path_));
-    EXPECT_EQ(RC_OK, removePidFile());
-    EXPECT_FALSE(testfiles::fileExists(path_));
-    EXPECT_EQ(RC_UNLOCK_FAILED, removePidFile());
-    EXPECT_NE(RC_OK, createPidFile(dir_.file("missing/agent.pid")));
-}
-
 }  // namespace
 
 namespace {
-
-TEST(SendAgentStartStatusTest, OneCharacterReachesThePipeOrFailsWhenClosed) {
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    EXPECT_EQ(RC_OK, sendAgentStartStatus(ends[1], '1'));
-    EXPECT_EQ(RC_OK, sendAgentStartStatus(-1, '2'));  // no agent listening: nothing sent
-    char got[4] = "";
-    close(ends[1]);
-    EXPECT_EQ(1, read(ends[0], got, sizeof(got)));
-    EXPECT_EQ('1', got[0]);
-    close(ends[0]);
-    EXPECT_EQ(RC_WRITE_FAILED, sendAgentStartStatus(ends[1], '3'));  // descriptor already closed
-}
 
 }  // namespace

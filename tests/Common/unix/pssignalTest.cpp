@@ -27,16 +27,4 @@ TEST(PsSignalTest, TermAndInterruptSetStopFlagOthersDoNothing) {
     }));
 }
 
-TEST(PsSignalTest, JobInterruptRejectsNonNumbersAndSignalsNumbers) {
-    EXPECT_EQ(-1, psSendJobInterrupt("abc"));
-    EXPECT_EQ(-1, psSendJobInterrupt(""));
-    pid_t child = fork();
-    if (child == 0) {
-        pause();
-        _exit(0);
-    }
-    EXPECT_EQ(0, psSendJobInterrupt(std::to_string(child)));
-    EXPECT_EQ(1000 + SIGTERM, testfiles::exitCodeOf(child));
-}
-
 }  // namespace

@@ -18,13 +18,7 @@ protected:
 };
 
 TEST(MultipathZPLLinuxTest, GetVersionOutcomes) {
-    const struct {
-        const char* out;
-        int rc;
-        const char* err;
-        const char* version;
-        const char* trace;
-    } cases[] = {
+    const struct { const char* out; int rc; const char* err; const char* version; const char* trace; } cases[] = {
         {"ZORzpl-1.6.2.0-1\nsecond line\n", 0, "", "ZORzpl-1.6.2.0-1", "ZPL version: ZORzpl-1.6.2.0-1\n"},
         {"package ZORzpl is not installed\n", 1, "", "",
          "Error getting ZPL version: package ZORzpl is not installed\\n\n"},  // the output's line feed escaped
@@ -71,16 +65,6 @@ TEST(MultipathZPLLinuxTest, FormatWwpnWithColons) {
         EXPECT_FALSE(zpl.canFormatWWPN(shortWwpn)) << shortWwpn;
         EXPECT_EQ("", zpl.formatWWPN(shortWwpn)) << shortWwpn;
     }
-}
-
-TEST(MultipathZPLLinuxTest, SetStateFormatsRequestWwpns) {
-    fakes::FakeTools tools{"lunctl"};
-    tools.answer("lunctl.query.device", testfiles::testData("Multipath/data/lunctl-query-device.txt"));
-    tools.answer("lunctl.query.wwpn", testfiles::testData("Multipath/data/lunctl-query-wwpn.txt"));
-    MultipathZPLLinux zpl;
-    EXPECT_EQ(RC_OK, zpl.setState(kSettingOffline, "lundev2", {"10000000c95a3b11", "10000000c95a3b10"}));
-    EXPECT_EQ((Lines{"query device", "query wwpn", "set device 2 path 1 offline", "set device 2 path 0 offline"}),
-              tools.calls("lunctl"));
 }
 
 // A WWPN lunctl cannot be asked about stops the change after the device lookup and

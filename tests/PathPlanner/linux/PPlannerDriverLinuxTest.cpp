@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "Multipath/linux/MultipathDMLinux.h"
-#include "Multipath/linux/MultipathZPLLinux.h"
 #include "PathPlanner/linux/WalkTheBusLinux.h"
 #include "tests/fakes/FakeTools.h"
 
@@ -19,25 +17,6 @@ void install(fakes::FakeTools* tools, bool zpl, bool dm) {
 size_t count(const fakes::FakeTools& tools, const std::string& rpmCall) {
     std::vector<std::string> calls = tools.calls("rpm");
     return static_cast<size_t>(std::count(calls.begin(), calls.end(), rpmCall));
-}
-
-TEST(PPlannerDriverLinuxTest, ProbeOrderPicksDriver) {
-    const struct { bool zpl; bool dm; const char* trace; } cases[] = {
-        {true, true, "Found Multipath ZOR ZPL driver, version ZORzpl-1.6.2.0-1\n"},
-        {false, true, "Found Multipath DM driver, version device-mapper-multipath-0.4.9-123\n"},
-        {false, false, "No Multipath driver available."},
-    };
-    for (const auto& c : cases) {
-        fakes::FakeTools tools{"rpm"};
-        fakes::TraceCapture trace;
-        install(&tools, c.zpl, c.dm);
-        std::unique_ptr<MultipathDriver> driver = getPlannerDriver("label", "/opt/ZOR/QLX/agent")->getMultipathDriver();
-        EXPECT_EQ(c.zpl, dynamic_cast<MultipathZPLLinux*>(driver.get()) != nullptr) << c.trace;
-        EXPECT_EQ(!c.zpl && c.dm, dynamic_cast<MultipathDMLinux*>(driver.get()) != nullptr) << c.trace;
-        EXPECT_THAT(trace.text(), ::testing::HasSubstr(c.trace));
-        // The vendor driver wins without the device-mapper probe ever running.
-        EXPECT_EQ(c.zpl ? 0u : 1u, count(tools, "-qa")) << c.trace;
-    }
 }
 
 TEST(PPlannerDriverLinuxTest, EveryCallProbesAgainAndVehicleComesWithoutDriver) {

@@ -86,28 +86,6 @@ TEST_F(RescanScriptTest, SysfsNewLunOnSecondPassEndsTheLoop) {
     EXPECT_TRUE(empty("tmp"));  // the /proc/scsi/scsi snapshots are removed
 }
 
-TEST_F(RescanScriptTest, SnapshotNamesHeldByOthersAreLeftAloneAndTheScanStillEnds) {
-    // Files at every snapshot name of the next half minute: each pass compares in the shell.
-    EXPECT_EQ(0, run(std::string(kSysfsHosts) + "now=$(date +%s)\n"
-                     "for t in $(seq $((now - 1)) $((now + 30))); do echo theirs > tmp/scsi$t; done", 2));
-    EXPECT_EQ("host2 - - -\nhost3 - - -\nhost2 - - -\nhost3 - - -\n", read("scans.log"));
-    EXPECT_EQ("10\n", read("sleep.log"));
-    EXPECT_EQ("", read("err"));
-    size_t held = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(stage_ + "/tmp")) {
-        EXPECT_EQ("theirs\n", testfiles::readFile(entry.path().string())) << entry.path();
-        ++held;
-    }
-    EXPECT_EQ(32u, held);
-}
-
-TEST_F(RescanScriptTest, SysfsNothingNewRunsFourPasses) {
-    EXPECT_EQ(0, run(kSysfsHosts, 0));
-    EXPECT_EQ(4u, countLines(read("scans.log"), "host2 - - -\n"));
-    EXPECT_EQ(4u, countLines(read("scans.log"), "host3 - - -\n"));
-    EXPECT_EQ("10\n10\n10\n", read("sleep.log"));
-}
-
 TEST_F(RescanScriptTest, ProcScsiFindsHostsAndAddsEachAddress) {
     EXPECT_EQ(0, run(std::string(kProcHosts) + "printf '2 0 1 0\\n2 0 1 1\\n' > present"));
     std::string adds = read("adds.log");

@@ -52,39 +52,6 @@ TEST_F(WalkTheBusLinuxTest, WritesWholeScriptWithItsMode) {
 #endif
 }
 
-TEST_F(WalkTheBusLinuxTest, ReplacesWhateverAnotherUserPlanted) {
-    testfiles::TempDir dir;
-    const std::string victim = dir.file("victim"), kept = "/tmp/rescanKept" + std::to_string(getpid());
-    // Each planter leaves something at the script path; a FIFO would block a plain open.
-    const std::pair<const char*, std::function<void()>> planters[] = {
-        {"link", [&] { EXPECT_EQ(0, symlink(victim.c_str(), path_.c_str())); }},
-        {"fifo", [&] { EXPECT_EQ(0, mkfifo(path_.c_str(), 0666)); }},
-        {"foreign file", [&] {
-             testfiles::writeFile(path_, "theirs\n");
-             if (geteuid() == 0) {
-                 EXPECT_EQ(0, chown(path_.c_str(), 65534, 65534));
-             }
-             EXPECT_EQ(0, link(path_.c_str(), kept.c_str()));
-         }},
-    };
-    alarm(30);  // a blocked open fails the test instead of hanging it
-    for (const auto& [label, plant] : planters) {
-        testfiles::writeFile(victim, "precious\n");
-        plant();
-        EXPECT_EQ(RC_OK, vehicle("echo scanned\n")->writeScript()) << label;
-        struct stat info;
-        ASSERT_EQ(0, lstat(path_.c_str(), &info)) << label;
-        EXPECT_TRUE(S_ISREG(info.st_mode)) << label;
-        EXPECT_EQ(geteuid(), info.st_uid) << label;
-        EXPECT_EQ("echo scanned\n", readFile(path_)) << label;
-        EXPECT_EQ("precious\n", readFile(victim)) << label;
-        unlink(path_.c_str());
-    }
-    alarm(0);
-    EXPECT_EQ("theirs\n", readFile(kept));  // their file was never written through
-    unlink(kept.c_str());
-}
-
 TEST_F(WalkTheBusLinuxTest, NameThatCannotBeFreedEndsTheWalk) {
     ASSERT_EQ(0, mkdir(path_.c_str(), 0777));  // unlink cannot remove a directory
     fakes::TraceCapture trace;
@@ -106,25 +73,6 @@ TEST_F(WalkTheBusLinuxTest, FailedWriteRemovesScript) {
         return walker->writeScript() == RC_CANCELLED && access(walker->scriptPath().c_str(), F_OK) != 0 ? 0 : 1;
     };
     EXPECT_EXIT(_exit(writeUnderLimit()), ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(WalkTheBusLinuxTest, WalkResults) {
-    // Each reconfiguration comes after a 60-second wait; -1: no driver.
-    const struct { const char* script; int reconfigs; int32_t driverRc; int32_t rc; const char* trace; } cases[] = {
-        {"echo scanned", 1, RC_OK, RC_OK, "Rescan output: scanned\\n\n"},  // the output's line feed escaped
-        {"echo scanned", 1, RC_DRIVER_CMD_FAILED, RC_DRIVER_CMD_FAILED, "Waiting 60 seconds for system refresh...\n"},
-        {"echo scanned", -1, RC_OK, RC_OK, "Exit: walkTheBus(), rc = 0\n"},
-        {"echo partial; exit 1", 0, RC_OK, 1, "walkTheBus() Rescan output: partial\\n\n"},
-    };
-    for (const auto& c : cases) {
-        fakes::TraceCapture trace;
-        sleeps_.clear();
-        std::string script = std::string("#!/bin/bash\n") + c.script + "\n";
-        EXPECT_EQ(c.rc, vehicle(script, c.reconfigs, c.driverRc)->walkTheBus()) << c.script;
-        EXPECT_EQ(std::vector<uint32_t>(std::max(c.reconfigs, 0), 60), sleeps_) << c.script;
-        EXPECT_THAT(trace.text(), HasSubstr(c.trace));
-        EXPECT_EQ(script, readFile(path_)) << "the script stays in /tmp";
-    }
 }
 
 volatile sig_atomic_t alarms = 0;
