@@ -61,17 +61,4 @@ TEST(CmdExecerTest, ExitCodesAndCapturedStreams) {
     }
 }
 
-TEST(CmdExecerTest, CallerFileWithBlankIsQuotedAppendedAndKept) {
-    testfiles::TempDir dir;
-    std::string out = dir.file("my out.txt");
-    testfiles::writeFile(out, "old line\n");
-    {
-        CmdExecer exec({"/bin/echo", "new line"}, out, "");
-        EXPECT_NE(std::string::npos, exec.getCommand().find(">>\"" + out + "\""));
-        ASSERT_EQ(0, exec.runCommand());
-        EXPECT_EQ("old line\nnew line\n", exec.sysOut);
-    }
-    EXPECT_EQ("old line\nnew line\n", testfiles::readFile(out));
-}
-
 }  // namespace

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <regex>
-#include <thread>
 #include <vector>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
@@ -97,14 +96,6 @@ TEST_F(LogManagerTest, WrappingLogAtThePathBecomesPlain) {
     utCloseLog(&wrap);
     ASSERT_EQ(RC_OK, LogManager(log_).LogActivityLog("new entry"));
     EXPECT_EQ((std::vector<std::string>{"old entry", "new entry"}), messages(log_));
-}
-
-TEST_F(LogManagerTest, ThreadsNeverInterleaveOrLoseLines) {
-    LogManager log(log_);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t) threads.emplace_back(writeMany, &log, t, 300);
-    for (std::thread& t : threads) t.join();
-    expectAllLines(messages(log_), 6, 300);
 }
 
 TEST_F(LogManagerTest, ProcessesNeverInterleaveOrLoseLines) {

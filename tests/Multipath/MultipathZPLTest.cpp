@@ -1,6 +1,5 @@
 #include "Multipath/MultipathZPL.h"
 
-#include <climits>
 #include <map>
 
 #include "tests/fakes/FakeTools.h"
@@ -50,17 +49,6 @@ protected:
     }
 };
 
-TEST(MultipathZPLTest, ReadIntActsLikeDecimalScan) {
-    const struct { const char* text; bool ok; int32_t value; } cases[] = {
-        {"\n    3    host2", true, 3}, {"-7", true, -7}, {"+5x", true, 5}, {"99999999999", true, INT32_MAX},
-        {"", false, 0}, {" n/a  ", false, 0}};
-    for (const auto& c : cases) {
-        int32_t value = 0;
-        EXPECT_EQ(c.ok, zplText::readInt(c.text, &value)) << c.text;
-        EXPECT_EQ(c.value, value) << c.text;
-    }
-}
-
 TEST(MultipathZPLTest, FindDevIdInBothHeaderStyles) {
     const struct { std::string text; const char* device; Lookup outcome; int32_t id; } cases[] = {
         {kDevices, "lundev12", Lookup::kFound, 12},
@@ -103,12 +91,6 @@ TEST(MultipathZPLTest, UnknownWwpnChangesNoPath) {
     EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, zpl.setState(kSettingOffline, "lundev0", {"20:00:00:00:c9:ff:ff:ff"}));
     EXPECT_EQ((Lines{"lunctl query device", "lunctl query wwpn"}), zpl.ran);
     EXPECT_THAT(trace.text(), HasSubstr("getPathId() No match for <NULL>\n"));
-}
-
-TEST(MultipathZPLTest, CompareVersions) {
-    EXPECT_EQ(8, zplText::compareVersions("1.6.1.10", "1.6.1.2"));
-    EXPECT_EQ(-1, zplText::compareVersions("1.5.9.9", "1.6.0.0"));
-    EXPECT_EQ(0, zplText::compareVersions("1.6", "1.6.0.0"));
 }
 
 TEST(MultipathZPLTest, PolicyAndStateWordsBySetting) {

@@ -18,42 +18,11 @@ bool contentElsewhere(const std::string& path, const std::string& expected) {
     return inChild([&] { return testfiles::readFile(path) == expected ? 0 : 1; }) == 0;
 }
 
-// What a second process sees of the lock held by holder, as exit-code bits.
-int secondProcessView(const std::string& path, int32_t holder) {
-    Filelock other(path);
-    int32_t pid = 0;
-    std::string data;
-    int bits = other.lockFile() == RC_ALREADY_LOCKED ? 1 : 0;
-    if (other.isLocked()) bits |= 2;
-    if (other.readProcessId(&pid, &data) == RC_OK && pid == holder) bits |= 4;
-    return data == "agent data" ? bits | 8 : bits;
-}
-
 class FilelockTest : public ::testing::Test {
 protected:
     testfiles::TempDir dir_;
     std::string path_ = dir_.file("agent.pid");
 };
-
-TEST_F(FilelockTest, SecondProcessFindsFileAlreadyLocked) {
-    // The process id replaces a longer old content entirely.
-    testfiles::writeFile(path_, "123456789 an old and much longer text than the new one");
-    Filelock lock(path_);
-    ASSERT_EQ(RC_OK, lock.lockFile());
-    ASSERT_EQ(RC_OK, lock.writeProcessId("agent data"));
-    int32_t self = getpid();
-    EXPECT_EQ(15, inChild([&] { return secondProcessView(path_, self); }));
-    // Reading and testing in the holder must not drop its own lock.
-    int32_t pid = 0;
-    std::string data;
-    EXPECT_EQ(RC_OK, lock.readProcessId(&pid, &data));
-    EXPECT_EQ(self, pid);
-    EXPECT_FALSE(lock.isLocked());
-    EXPECT_FALSE(Filelock(path_).isLocked());  // the holder's own lock never conflicts
-    EXPECT_EQ(15, inChild([&] { return secondProcessView(path_, self); }));
-    EXPECT_EQ(RC_OK, lock.unlockFile());
-    EXPECT_FALSE(testfiles::fileExists(path_));
-}
 
 TEST_F(FilelockTest, LockOfKilledHolderIsTakenOver) {
     int ready[2];
