@@ -19,10 +19,18 @@ namespace {
 
 constexpr long kHeaderMaxOffset = 25;     // where "%-10lu" of the maximum starts
 constexpr unsigned long kProgressEvery = 25000;
-constexpr uint8_t kMsgFlags = NL_NEWLINE | NL_ERRORLOG;
 constexpr uint16_t kMsgProgress = 232;
 constexpr uint16_t kMsgToWrapping = 233;
 constexpr uint16_t kMsgToPlain = 234;
+constexpr uint8_t kMsgFlags = NL_NEWLINE | NL_ERRORLOG;
+// Library messages about a file of a log: path (const char*), errno (int), error text.
+constexpr uint16_t kMsgCannotOpen = 264;
+constexpr uint16_t kMsgWriteError = 265;
+constexpr uint16_t kMsgCannotOpenAux = 267;
+
+void issueFileError(uint16_t msgNum, const std::string& path, int err) {
+    nlNote(msgNum, kMsgFlags, path.c_str(), err, utLogErrText(err).c_str());
+}
 
 bool isLine(const char* line, size_t length, const char* text) {
     size_t textLen = strlen(text);
@@ -44,7 +52,7 @@ struct FirstLook {
 typedef std::function<int32_t(const char* line, size_t length)> LineSink;
 
 int32_t cannotOpen(LogFile* log, int err) {
-    utLogFileError(kLogMsgCannotOpen, log->path, err);
+    issueFileError(kMsgCannotOpen, log->path, err);
     TR_PRINTF(TR_ERROR, "utWrapFile(): cannot open <%s>. errno = %d, %s\n", log->path.c_str(), err,
               utLogErrText(err).c_str());
     return utLogFail(log, err);
@@ -130,13 +138,13 @@ int32_t readFailed(LogFile* log, FILE* in) {
 
 int32_t tempWriteFailed(LogFile* log, const std::string& path) {
     int err = errno;
-    utLogFileError(kLogMsgWriteError, path, err);
+    issueFileError(kMsgWriteError, path, err);
     TR_PRINTF(TR_ERROR, "error writing to temp file.\nerrno = %d, %s\n", err, utLogErrText(err).c_str());
     return utLogFail(log, err);
 }
 
 int32_t tempOpenFailed(LogFile* log, const TempFile& temp) {
-    utLogFileError(kLogMsgCannotOpenAux, temp.path(), temp.error());
+    issueFileError(kMsgCannotOpenAux, temp.path(), temp.error());
     return utLogFail(log, temp.error());
 }
 
@@ -212,7 +220,7 @@ int32_t saveAllLines(LogFile* log, AppendFile* save) {
     if (!in.get()) return cannotOpen(log, errno);
     std::string savePath = conversionSavePath(log);
     int err = save->open(savePath, utLogModeAppend(log));
-    if (err != 0) utLogFileError(kLogMsgCannotOpenAux, savePath, err);
+    if (err != 0) issueFileError(kMsgCannotOpenAux, savePath, err);
     int32_t rc = err == 0 ? 0 : utLogFail(log, err);
     LineReader reader(in.get());
     unsigned long count = 0;

@@ -3,23 +3,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "BKVlib/common/nls/amsgnote.h"
 #include "BKVlib/common/ut/ownedfile.h"
 #include "BKVlib/common/ut/trace.h"
-
-namespace {
-
-constexpr uint8_t kMsgFlags = NL_NEWLINE | NL_ERRORLOG;
-
-}  // namespace
 
 std::string utLogErrText(int err) {
     char buf[128];
     return strerror_r(err, buf, sizeof(buf));
-}
-
-void utLogFileError(uint16_t msgNum, const std::string& path, int err) {
-    nlNote(msgNum, kMsgFlags, path.c_str(), err, utLogErrText(err).c_str());
 }
 
 void utLogRollBack(AppendFile* save) {

@@ -47,11 +47,7 @@ constexpr size_t kLogMaxHeaderLine = 4095;
 // Characters of the date that starts every entry of a plain log.
 constexpr size_t kLogDateTextLen = 10;
 
-// Library messages about a file of a log: path (const char*), errno (int), error text.
-constexpr uint16_t kLogMsgCannotOpen = 264;
-constexpr uint16_t kLogMsgWriteError = 265;
-constexpr uint16_t kLogMsgCannotOpenAux = 267;
-void utLogFileError(uint16_t msgNum, const std::string& path, int err);
+// The text of errno value err.
 std::string utLogErrText(int err);
 
 // Records err as the log's last error; returns -1 for the caller to pass on.

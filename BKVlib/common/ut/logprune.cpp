@@ -9,6 +9,7 @@
 #include <cstring>
 #include <optional>
 
+#include "BKVlib/common/nls/amsgnote.h"
 #include "BKVlib/common/ut/ownedfile.h"
 #include "BKVlib/common/ut/trace.h"
 
@@ -16,6 +17,15 @@ namespace {
 
 constexpr off_t kMinSaveBytes = 8;
 constexpr const char* kPruneTempName = "kfwprune.log";
+constexpr uint8_t kMsgFlags = NL_NEWLINE | NL_ERRORLOG;
+// Library messages about a file of a log: path (const char*), errno (int), error text.
+constexpr uint16_t kMsgCannotOpen = 264;
+constexpr uint16_t kMsgWriteError = 265;
+constexpr uint16_t kMsgCannotOpenAux = 267;
+
+void issueFileError(uint16_t msgNum, const std::string& path, int err) {
+    nlNote(msgNum, kMsgFlags, path.c_str(), err, utLogErrText(err).c_str());
+}
 
 void closeStream(FILE** stream) {
     if (stream && *stream) {
@@ -63,7 +73,7 @@ int32_t Pruner::openTemp() {
     temp_.emplace(tempPath_, log_->binaryModes != 0, TempFile::FixedName());
     if (temp_->get()) return 0;
     int err = temp_->error();
-    utLogFileError(kLogMsgCannotOpenAux, tempPath_, err);
+    issueFileError(kMsgCannotOpenAux, tempPath_, err);
     TR_PRINTF(TR_ERROR, "Couldn't open temp file <%s> for pruning.\nerrno = %d, %s\n", tempPath_.c_str(), err,
               utLogErrText(err).c_str());
     return utLogFail(log_, err);
@@ -73,7 +83,7 @@ int32_t Pruner::open(const char* saveName) {
     in_.reset(fopen(path_.c_str(), utLogModeRead(log_)));
     if (!in_.get()) {
         int err = errno;
-        utLogFileError(kLogMsgCannotOpen, path_, err);
+        issueFileError(kMsgCannotOpen, path_, err);
         TR_PRINTF(TR_ERROR, "Couldn't open <%s> for pruning. errno = %d, %s\n", path_.c_str(), err, utLogErrText(err).c_str());
         return utLogFail(log_, err);
     }
@@ -82,7 +92,7 @@ int32_t Pruner::open(const char* saveName) {
         std::string savePath = dir_ + "/" + utBaseName(saveName);
         int err = save_.open(savePath, utLogModeAppend(log_));
         if (err != 0) {
-            utLogFileError(kLogMsgCannotOpenAux, savePath, err);
+            issueFileError(kMsgCannotOpenAux, savePath, err);
             TR_PRINTF(TR_ERROR, "Couldn't open save file <%s> to save pruned log entries.\nerrno = %d, %s\n",
                       savePath.c_str(), err, utLogErrText(err).c_str());
             rc = utLogFail(log_, err);
@@ -99,7 +109,7 @@ int32_t Pruner::open(const char* saveName) {
 int32_t Pruner::keep(const char* line, size_t length) {
     if (utLogPut(temp_->get(), line, length)) return 0;
     int err = errno;
-    utLogFileError(kLogMsgWriteError, tempPath_, err);
+    issueFileError(kMsgWriteError, tempPath_, err);
     TR_PRINTF(TR_ERROR, "error writing to temp pruning file.\nerrno = %d, %s\n", err, utLogErrText(err).c_str());
     return utLogFail(log_, err);
 }
@@ -108,7 +118,7 @@ int32_t Pruner::prune(const char* line, size_t length) {
     ++pruned_;
     if (!save_.isOpen() || save_.put(line, length)) return 0;
     int err = errno;
-    utLogFileError(kLogMsgWriteError, save_.path(), err);
+    issueFileError(kMsgWriteError, save_.path(), err);
     TR_PRINTF(TR_ERROR, "error writing to saved pruning recs file.\nerrno = %d, %s\n", err, utLogErrText(err).c_str());
     return utLogFail(log_, err);
 }
