@@ -206,7 +206,7 @@ void trCallerThreadTag(char* banner, size_t bannerSize, char* tag, size_t tagSiz
 // name), an unusable directory (the directory, the error text) and the headings of
 // a query (no inserts; standard output only, toErrorLog false). The message layer
 // traces, so the trace cannot issue them itself: whoever starts the trace installs
-// the sink, and stays installed until replaced. Without one the notices are dropped
+// the sink, which stays until replaced. Without one the notices are dropped
 // and the return codes still tell.
 typedef void (*TraceNoticeFn)(uint16_t msgNum, bool toErrorLog, const char* insert1, const char* insert2);
 void trSetNoticeSink(TraceNoticeFn sink);
