@@ -19,8 +19,8 @@ int32_t psIsMainThread();
 int32_t psMainPid();
 
 // Traces a thread-layer failure under the ERROR class. A failure raised while the
-// same thread is already reporting one is dropped: the trace facility locks mutexes
-// of this layer, and a broken mutex must not recurse without end.
+// same thread is already reporting one is dropped: a console sink the trace writes
+// to may lock mutexes of this layer, and a broken mutex must not recurse without end.
 void psThreadReport(const char* file, uint32_t line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 #define PS_THREAD_ERROR(...) psThreadReport(__FILE__, __LINE__, __VA_ARGS__)
