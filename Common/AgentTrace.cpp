@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "BKVlib/common/nls/amsglog.h"
 #include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 
@@ -64,16 +65,17 @@ const char* naCutInPlace(std::string& text) {
     return text.empty() ? "<NULL>" : text.c_str();
 }
 
-void naThreadTag(char* banner, size_t bannerSize, char* tag, size_t tagSize) {
-    trFormatThreadTag(static_cast<unsigned long>(psThreadNumber()), banner, bannerSize, tag, tagSize);
-}
-
 int32_t naTraceSizeMB(int32_t maxSizeKB) {
     int32_t sizeMB = maxSizeKB / 1024;
     return sizeMB < 1 ? 1 : sizeMB;
 }
 
 namespace {
+
+// The trace's notices are the agent's messages like any other.
+void issueTraceNotice(uint16_t msgNum, bool toErrorLog, const char* insert1, const char* insert2) {
+    nlIssue(msgNum, NL_STDOUT | (toErrorLog ? NL_ERRORLOG : 0), insert1, insert2);
+}
 
 // The directory part of the trace file name; "" when the name has none.
 int32_t makeTraceDirectory(const std::string& traceFile) {
@@ -90,7 +92,8 @@ int32_t makeTraceDirectory(const std::string& traceFile) {
 int32_t initTrace(const std::string& traceFile, const std::string& traceFlags, int32_t maxSizeKB) {
     int32_t sizeMB = naTraceSizeMB(maxSizeKB);
     int32_t rc = RC_OK;
-    if (trInit(9, static_cast<unsigned long>(psThreadNumber()), naThreadTag) != RC_OK) rc = RC_TRACE_FAILED;
+    trSetNoticeSink(issueTraceNotice);
+    if (trInit(9, static_cast<unsigned long>(psThreadNumber()), trCallerThreadTag) != RC_OK) rc = RC_TRACE_FAILED;
     if (rc == RC_OK && !traceFile.empty()) {
         trSetMaxMB(static_cast<uint32_t>(sizeMB));
         rc = makeTraceDirectory(traceFile);

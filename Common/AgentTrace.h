@@ -50,9 +50,6 @@ private:
 // returns what a trace prints for it.
 const char* naCutInPlace(std::string& text);
 
-// The agent's thread-tag callback: a "New thread" banner when the writing thread
-// changed, and the "[tid] " tag with the kernel thread id.
-void naThreadTag(char* banner, size_t bannerSize, char* tag, size_t tagSize);
 // The trace size limit in MB for a size in KB: rounded down, at least 1.
 int32_t naTraceSizeMB(int32_t maxSizeKB);
 

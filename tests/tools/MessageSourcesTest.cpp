@@ -65,7 +65,7 @@ bool resolveArg(const std::string& code, const std::string& arg, int depth, std:
     if (!found.empty()) return true;
     std::smatch wrapper;
     std::regex parameterOf(R"((\w+)\s*\([^;{)]*\b)" + arg + R"(\b[^;{)]*\)\s*\{)");
-    if (depth > 0 && std::regex_search(code, wrapper, parameterOf) && wrapper[1] != "nlIssue") {
+    if (depth > 0 && std::regex_search(code, wrapper, parameterOf) && wrapper[1] != "nlIssue" && wrapper[1] != "nlNote") {
         bool all = true;
         const std::regex calls(R"(\b)" + wrapper[1].str() + R"(\(\s*(\w+))");
         for (std::sregex_iterator it(code.begin(), code.end(), calls), end; it != end; ++it) {
@@ -95,7 +95,8 @@ TEST(MessageSourcesTest, AgentKeysExistUnderTheirNumbers) {
 TEST(MessageSourcesTest, IssuedLibraryNumbersExist) {
     auto library = loadSource("messages/en_US/kfwclientV3.txt");
     std::set<int> numbers;
-    const std::regex call(R"(\bnlIssue\(\s*(\w+))");
+    // The library's lower modules issue through nlNote, the trace through its notice sink.
+    const std::regex call(R"(\b(?:nlIssue|nlNote|trNotify)\(\s*(\w+))");
     for (const char* dir : {"BKVlib", "Common", "Multipath", "PathPlanner"}) {
         for (const auto& entry : fs::recursive_directory_iterator(kRoot / dir)) {
             if (entry.path().extension() != ".cpp") continue;

@@ -1,10 +1,11 @@
 // The index of an indexed repository file: one 16-bit big-endian entry per
 // message number behind a fixed 62-byte file header.
+#include "BKVlib/common/nls/amsgrtrv.h"
+
 #include <cstdio>
 #include <string>
 
-#include "BKVlib/common/nls/amsglog.h"
-#include "BKVlib/common/nls/amsgrtrv.h"
+#include "BKVlib/common/nls/amsgnote.h"
 #include "BKVlib/common/ut/trace.h"
 
 namespace {
@@ -19,7 +20,7 @@ void reportIndexFailure(const char* format, ...) {
     va_start(args, format);
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
-    nlLogLibText(NL_SEV_E, text, false);
+    nlNoteLibText(NL_SEV_E, text, false);
 }
 
 }  // namespace

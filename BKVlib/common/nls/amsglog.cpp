@@ -151,14 +151,27 @@ uint16_t nlLogPrintf(NlMsgDesc* description, char* buffer, uint16_t avail, va_li
     return description->length;
 }
 
-int32_t nlIssue(uint16_t msgNum, uint32_t flags, ...) {
+namespace {
+
+int32_t issueV(uint16_t msgNum, uint32_t flags, va_list args) {
     char buffer[kIssueBuffer];
     NlMsgDesc desc;
     desc.number = msgNum;
     desc.flags = static_cast<uint8_t>(flags);
+    return nlLogPrintf(&desc, buffer, sizeof(buffer), args);
+}
+
+// Before main, so the modules beneath report through this layer from their first call.
+struct NoteIssuers {
+    NoteIssuers() { nlSetNoteIssuers(issueV, nlLogLibText); }
+} gNoteIssuers;
+
+}  // namespace
+
+int32_t nlIssue(uint16_t msgNum, uint32_t flags, ...) {
     va_list args;
     va_start(args, flags);
-    uint16_t length = nlLogPrintf(&desc, buffer, sizeof(buffer), args);
+    int32_t length = issueV(msgNum, flags, args);
     va_end(args);
     return length;
 }

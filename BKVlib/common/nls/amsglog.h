@@ -9,12 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// Flags of a message description.
-constexpr uint8_t NL_NEWLINE = 1;    // append a newline
-constexpr uint8_t NL_STDOUT = 2;     // write to standard output
-constexpr uint8_t NL_ERRORLOG = 4;   // write to the error log
-constexpr uint8_t NL_INSERTS = 8;    // collect typed inserts first
-constexpr uint8_t NL_SEVERITY = 32;  // hand to the severity-aware logger
+#include "BKVlib/common/nls/amsgnote.h"
 
 // Never written to the schedule log.
 constexpr uint16_t NL_MSG_NO_SCHEDLOG = 227;

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <new>
 
-#include "BKVlib/common/nls/amsglog.h"
+#include "BKVlib/common/nls/amsgnote.h"
 #include "BKVlib/common/thrd/pkthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "BKVlib/common/ut/trace.h"
@@ -22,8 +22,6 @@ const char* const kModule = "BKVlib/common/nls/amsgrtrv";
 const char* const kDefaultText = "KRN1111M Error retrieving message %d from kfwclientV3.cat.\n";
 const nl_catd kNoCat = reinterpret_cast<nl_catd>(-1);
 constexpr size_t kPendingMax = 1280;
-// Identifier of three letters and four digits, the severity letter and a blank.
-constexpr size_t kPrefixLength = 9;
 
 struct LanguageRow {
     const char* code;
@@ -35,19 +33,6 @@ const LanguageRow kLanguages[] = {
     {"it", "it_IT"}, {"ja", "ja_JP"}, {"ko", "ko_KR"}, {"pt", "pt_BR"}, {"zh", "zh_CN"},
 };
 
-// Severity letter to code; -1 corrupt, -2 the "M" letter (no message).
-int severityCode(char letter) {
-    static const char kLetters[] = "ZTRKIWESL";
-    if (letter == 'M') return -2;
-    if (letter < 'E' || letter > 'Z') return -1;
-    const char* hit = strchr(kLetters, letter);
-    return hit ? static_cast<int>(hit - kLetters) : -1;
-}
-
-bool identifierKept(int code) {
-    return code >= NL_SEV_K && code <= NL_SEV_S;
-}
-
 nlsObject_t gNls;
 MutexHandle gNlsMutex = nullptr;
 std::once_flag gMutexOnce;
@@ -58,21 +43,10 @@ void createMutex() {
     std::call_once(gMutexOnce, [] { pkCreateMutex(&gNlsMutex); });
 }
 
-void setPending(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void setPending(const char* format, ...) {
-    char text[kPendingMax];
-    va_list args;
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    gNls.pendingText = text;
-    gNls.pendingReport = true;
-}
-
 // Logs what the last lookup built; called after the NLS mutex is released,
 // because the loggers take it again.
 void reportPending(bool report, const std::string& text) {
-    if (report) nlLogLibText(NL_SEV_E, text.c_str(), true);
+    if (report) nlNoteLibText(NL_SEV_E, text.c_str(), true);
 }
 
 // Holds the NLS mutex for one lookup. A failed release is reported as message 263
@@ -97,7 +71,7 @@ public:
         held_ = false;
         if (pkReleaseMutex(gNlsMutex) == RC_OK) return true;
         TR_PRINTF(TR_NLS, "Unable to release NLS mutex\n");
-        nlIssue(263, NL_ERRORLOG | NL_SEVERITY, kModule, __LINE__, "Unable to release NLS mutex");
+        nlNote(263, NL_ERRORLOG | NL_SEVERITY, kModule, __LINE__, "Unable to release NLS mutex");
         return false;
     }
 
@@ -159,9 +133,9 @@ int32_t openEnglish(const char* dir, const char* catalogName, const char* englis
     int32_t rc = openCat(dir, "en_US", gNls.englishCatalogName.c_str(), &gNls.englishCat);
     if (rc != RC_OK) {
         std::string path = joinPath(dir, "en_US", gNls.englishCatalogName.c_str());
-        setPending("KRN0101E Unable to open English message repository '%s'.\n", path.c_str());
+        nlSetPending("KRN0101E Unable to open English message repository '%s'.\n", path.c_str());
         gNls.pendingReport = false;
-        nlLogLibText(NL_SEV_E, gNls.pendingText.c_str(), false);
+        nlNoteLibText(NL_SEV_E, gNls.pendingText.c_str(), false);
         rc = RC_NLS_INIT_FAILED;
     }
     return rc;
@@ -176,7 +150,7 @@ void openLocal(const char* dir, const char* catalogName, std::string* languageOu
     gNls.localCat = gNls.englishCat;
     std::string path = joinPath(dir, lang.c_str(), catalogName);
     if (path.size() > NL_NAME_MAX) path = "???";
-    setPending("KRN0102W Unable to open the message repository %s. The American English repository will be used "
+    nlSetPending("KRN0102W Unable to open the message repository %s. The American English repository will be used "
                "instead.\n", path.c_str());
     gNls.pendingReport = false;
 }
@@ -189,82 +163,8 @@ void freeList(NLSMsg** list) {
     }
 }
 
-// Splits the severity letter off a stored text; -1 for a corrupt identifier.
-int parseIdentifier(const char* raw, size_t length, size_t* letterAt) {
-    size_t i = 4;
-    while (i < length && raw[i] >= '0' && raw[i] <= '9') ++i;
-    *letterAt = i;
-    return i < length ? severityCode(raw[i]) : -1;
-}
-
-void cutTrailer(std::string* text, char* trailer) {
-    trailer[0] = '\0';
-    size_t stop = text->size() > 7 ? text->size() - 7 : 0;
-    for (size_t i = text->size(); i > stop; --i) {
-        if (static_cast<unsigned char>((*text)[i - 1]) != NL_TRAILER_MARK) continue;
-        snprintf(trailer, 8, "%s", text->c_str() + i);
-        text->resize(i - 1);
-        return;
-    }
-}
-
-enum BuildResult { kBuilt, kNoMemory, kCorrupt };
-
-BuildResult allocateMsg(uint16_t number, int code, const std::string& text, size_t bodyOffset, const char* trailer,
-                        NLSMsg** out) {
-    void* block = malloc(sizeof(NLSMsg) + text.size() + 1);
-    if (!block) return kNoMemory;
-    NLSMsg* msg = new (block) NLSMsg();
-    msg->text = reinterpret_cast<char*>(msg + 1);
-    memcpy(msg->text, text.data(), text.size());
-    msg->text[text.size()] = '\0';
-    msg->number = number;
-    msg->severity = static_cast<uint8_t>(code);
-    snprintf(msg->trailer, sizeof(msg->trailer), "%s", trailer);
-    msg->length = static_cast<uint32_t>(text.size());
-    msg->bodyOffset = static_cast<uint32_t>(bodyOffset);
-    if (!nlParseCompiled(msg->text + bodyOffset, text.size() - bodyOffset, &msg->compiled)) {
-        free(block);
-        return kCorrupt;
-    }
-    *out = msg;
-    return kBuilt;
-}
-
-// Turns a stored catalogue text into a cache entry; null (with pendingText) on failure.
-NLSMsg* buildMsg(uint16_t number, const char* raw) {
-    size_t length = strlen(raw);
-    size_t letterAt = 0;
-    int code = length >= 5 ? parseIdentifier(raw, length, &letterAt) : -1;
-    if (code == -2) return nullptr;
-    std::string text(raw, length);
-    char trailer[8];
-    cutTrailer(&text, trailer);
-    // A trailer mark inside the identifier leaves no whole identifier behind.
-    if (text.size() <= letterAt) code = -1;
-    if (code >= 0 && identifierKept(code) && letterAt > 7) text.erase(3, letterAt - 7);
-    size_t bodyOffset = identifierKept(code) ? kPrefixLength : letterAt + 2;
-    if (code < 0 || text.size() <= bodyOffset) {
-        setPending("KRN9999E %s(%u): Message No %u is corrupted.\n", kModule, __LINE__, number);
-        return nullptr;
-    }
-    if (!identifierKept(code)) {
-        text.erase(0, bodyOffset);
-        bodyOffset = 0;
-    }
-    std::string body = text.substr(bodyOffset);
-    nlDecodeStandins(&body);
-    text.replace(bodyOffset, std::string::npos, body);
-    NLSMsg* msg = nullptr;
-    BuildResult result = allocateMsg(number, code, text, bodyOffset, trailer, &msg);
-    if (result == kCorrupt) setPending("KRN9999E %s(%u): Message No %u is corrupted.\n", kModule, __LINE__, number);
-    if (result == kNoMemory) setPending("KRN0109E Insufficient memory for allocation of message structure.\n");
-    return msg;
-}
-
 }  // namespace
 
-NLSMsg* nlBuildMsg(uint16_t number, const char* raw) { return buildMsg(number, raw); }
 
 namespace {
 
@@ -275,11 +175,11 @@ NLSMsg* loadMsg(nl_catd cat, uint16_t number) {
     if (raw == nullptr || strcmp(raw, kDefaultText) == 0) {
         int err = errno;
         TR_PRINTF(TR_NLS, "Returned from catgets() errno = %d/%s\n", err, strerror(err));
-        setPending("KRN9999E %s(%u): Message No %u could not be found.\n", kModule, __LINE__, number);
+        nlSetPending("KRN9999E %s(%u): Message No %u could not be found.\n", kModule, __LINE__, number);
         return nullptr;
     }
     TR_PRINTF(TR_NLS, "Returned from catgets() msgP = %s\n", raw);
-    return buildMsg(number, raw);
+    return nlBuildMsg(number, raw);
 }
 
 // The list head of the entry and how many entries it has, or the matching entry.
@@ -296,6 +196,16 @@ NLSMsg* findInList(NLSMsg* head, uint16_t number, uint32_t* count) {
 }
 
 }  // namespace
+
+void nlSetPending(const char* format, ...) {
+    char text[kPendingMax];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    gNls.pendingText = text;
+    gNls.pendingReport = true;
+}
 
 nlsObject_t* nlsObject() {
     return &gNls;
@@ -489,71 +399,6 @@ int32_t msgText(uint16_t number, Text* text, va_list args) {
     return rc;
 }
 
-uint8_t messageTypeFor(uint8_t severity) {
-    switch (severity) {
-        case NL_SEV_T: return 7;
-        case NL_SEV_I: return 2;
-        case NL_SEV_W: return 3;
-        case NL_SEV_E: return 4;
-        case NL_SEV_S: return 5;
-        default: return 0;
-    }
-}
-
-// The argument descriptors of a message; a fast-path format is read for them.
-size_t argumentsOf(const NlCompiled& msg, NlCompiled::Arg* args) {
-    if (msg.kind != NL_KIND_FASTPATH) {
-        for (uint8_t i = 0; i < msg.count; ++i) args[i] = msg.args[i];
-        return msg.count;
-    }
-    size_t n = 0;
-    size_t avail = strlen(msg.format);
-    for (size_t i = 0; i < avail && n < NL_MAX_INSERTS; ++i) {
-        if (msg.format[i] != '%') continue;
-        NlConversion conv;
-        if (i + 1 < avail && msg.format[i + 1] == '%') {
-            ++i;
-        } else if (nlParseConversion(msg.format + i, avail - i, &conv)) {
-            args[n++] = NlCompiled::Arg{conv.stars, conv.type, msg.format + i, conv.wide};
-            i += conv.length - 1;
-        }
-    }
-    return n;
-}
-
-// Takes the list by pointer: va_arg must advance the caller's list on every ABI.
-NlInsertValue fetchValue(const NlCompiled::Arg& arg, va_list* args) {
-    NlInsertValue value;
-    value.type = arg.type;
-    switch (arg.type) {
-        case NL_ARG_INT: value.integer = va_arg(*args, int); break;
-        case NL_ARG_UINT: value.integer = va_arg(*args, unsigned); break;
-        case NL_ARG_LONG: value.integer = va_arg(*args, long); break;
-        case NL_ARG_DOUBLE: value.real = va_arg(*args, double); break;
-        default: value.pointer = va_arg(*args, const void*); break;
-    }
-    bool narrowString = arg.type == NL_ARG_PTR && !arg.wide && strchr(arg.conv, 's') != nullptr;
-    if (narrowString) value.text = value.pointer ? static_cast<const char*>(value.pointer) : "(null)";
-    return value;
-}
-
-void collectInserts(const NLSMsg& msg, NlInserts* inserts, va_list* args) {
-    NlCompiled::Arg descriptors[NL_MAX_INSERTS];
-    size_t n = argumentsOf(msg.compiled, descriptors);
-    inserts->messageType = messageTypeFor(msg.severity);
-    for (size_t i = 0; i < n; ++i) {
-        for (uint8_t s = 0; s < descriptors[i].stars; ++s) {
-            inserts->values.push_back(fetchValue(NlCompiled::Arg{0, NL_ARG_INT, "%d", false}, args));
-            inserts->size += sizeof(int32_t);
-        }
-        NlInsertValue value = fetchValue(descriptors[i], args);
-        bool isText = value.pointer != nullptr && !value.text.empty();
-        bool wideWord = value.type == NL_ARG_LONG || value.type == NL_ARG_DOUBLE || value.type == NL_ARG_PTR;
-        inserts->size += isText ? value.text.size() + 1 : (wideWord ? 8 : 4);
-        inserts->values.push_back(value);
-    }
-}
-
 }  // namespace
 
 int32_t nlMsgText(uint16_t number, std::string* text, va_list args) {
@@ -584,7 +429,7 @@ int32_t nlGetInserts(uint16_t number, NlInserts* inserts, va_list args) {
     if (msg) {
         va_list copy;
         va_copy(copy, args);
-        collectInserts(*msg, inserts, &copy);
+        nlCollectInserts(*msg, inserts, &copy);
         va_end(copy);
     } else {
         inserts->text = "?????";

@@ -92,6 +92,10 @@ public:
 // caller frees the entry with free().
 NLSMsg* nlBuildMsg(uint16_t number, const char* raw);
 
+// Leaves a report (a KRN text) in the repository object for the next release of the
+// NLS mutex to log.
+void nlSetPending(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 // The process's repository object (never null).
 nlsObject_t* nlsObject();
 // The NLS mutex; null before the first nlsInit.
@@ -149,6 +153,9 @@ struct NlInserts {
 // Collects a message's arguments as typed values: RC_OK, RC_MISSING_ARG (not
 // started) or RC_MSG_NOT_FOUND.
 int32_t nlGetInserts(uint16_t number, NlInserts* inserts, va_list args);
+
+// The typed values of msg's arguments, read from args, and the message type.
+void nlCollectInserts(const NLSMsg& msg, NlInserts* inserts, va_list* args);
 
 // Reads the index entry of a message from an indexed repository file: the 16-bit
 // big-endian value at offset number * 2 + 62. 0 when it cannot be read or is 0

@@ -1,6 +1,5 @@
 #include "BKVlib/common/unx/psthread.h"
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,27 +12,12 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "BKVlib/common/ut/trace.h"
 
-std::atomic<int32_t> psthread_flags::singleThreaded{0};
-std::atomic<int32_t> psthread_flags::shutdownBegun{0};
-
 namespace {
 
 std::atomic<int32_t> gMainPid{0};
 std::atomic<pthread_t> gMainThread{};
 std::atomic<PsThreadRegisterHook> gRegisterHook{nullptr};
 thread_local bool tlsReporting = false;
-// A trace record needs both ids; asking the kernel each time would cost more
-// than the rest of the record's prefix.
-thread_local int32_t tlsThreadNumber = 0;
-std::atomic<int32_t> gProcessId{0};
-pthread_once_t gForkHandlerOnce = PTHREAD_ONCE_INIT;
-
-void forgetIdsInChild() {
-    tlsThreadNumber = 0;
-    gProcessId.store(0);
-}
-
-void installForkHandler() { pthread_atfork(nullptr, nullptr, forgetIdsInChild); }
 
 // What the trampoline needs; freed by the new thread before it runs the function.
 struct StartPair {
@@ -92,26 +76,7 @@ int32_t psIsMainThread() {
     return pthread_equal(gMainThread.load(), pthread_self()) ? 1 : 0;
 }
 
-void psSetShutdownBegun() { psthread_flags::shutdownBegun.store(1); }
 int32_t psMainPid() { return gMainPid.load(); }
-
-int32_t psThreadNumber() {
-    if (tlsThreadNumber == 0) {
-        pthread_once(&gForkHandlerOnce, installForkHandler);
-        tlsThreadNumber = static_cast<int32_t>(syscall(SYS_gettid));
-    }
-    return tlsThreadNumber;
-}
-
-int32_t psProcessId() {
-    int32_t pid = gProcessId.load(std::memory_order_relaxed);
-    if (pid == 0) {
-        pthread_once(&gForkHandlerOnce, installForkHandler);
-        pid = static_cast<int32_t>(getpid());
-        gProcessId.store(pid, std::memory_order_relaxed);
-    }
-    return pid;
-}
 
 void psThreadReport(const char* file, uint32_t line, const char* format, ...) {
     if (tlsReporting || !trFlags[TR_ERROR]) return;

@@ -6,39 +6,24 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <cstdint>
+
+#include "BKVlib/common/unx/psident.h"
 
 // Mode. psSetMultiThreaded(1) records the calling thread and process as the main
 // ones; psSetMultiThreaded(0) declares the process single-threaded, which makes
 // every lock a no-op. psIsMainThread() is 1 in single-threaded mode.
 void psSetMultiThreaded(int32_t on);
 int32_t psIsMainThread();
-// The mode flags, set only through the calls above and below. Every lock and unlock
-// reads them, so the reads are inline: calls into this file for them were about half
-// of what a skipped lock cost.
-namespace psthread_flags {
-extern std::atomic<int32_t> singleThreaded;
-extern std::atomic<int32_t> shutdownBegun;
-}  // namespace psthread_flags
-inline int32_t psIsSingleThreaded() { return psthread_flags::singleThreaded.load(); }
-// 1 once the shutdown wait has returned; locking is skipped from then on.
-inline int32_t psShutdownBegun() { return psthread_flags::shutdownBegun.load(); }
-void psSetShutdownBegun();
 // Process id recorded by psSetMultiThreaded(1), 0 before.
 int32_t psMainPid();
 
 // Traces a thread-layer failure under the ERROR class. A failure raised while the
-// same thread is already reporting one is dropped: the trace facility locks mutexes
-// of this layer, and a broken mutex must not recurse without end.
+// same thread is already reporting one is dropped: a console sink the trace writes
+// to may lock mutexes of this layer, and a broken mutex must not recurse without end.
 void psThreadReport(const char* file, uint32_t line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 #define PS_THREAD_ERROR(...) psThreadReport(__FILE__, __LINE__, __VA_ARGS__)
-
-// Small number naming the calling thread in traces (the kernel thread id), and
-// the process id. Both are cached and refreshed in the child after fork.
-int32_t psThreadNumber();
-int32_t psProcessId();
 
 // Raw mutexes (error-checking, so a self-deadlock is reported instead of hanging).
 // Each returns 0 or the pthread error.

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <iterator>
 
-#include "BKVlib/common/nls/amsglog.h"
+#include "BKVlib/common/nls/amsgnote.h"
 #include "BKVlib/common/nls/amsgrtrv.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "BKVlib/common/ut/trace.h"
@@ -31,7 +31,7 @@ void reportFailure(int line, const char* text) {
     TR_PRINTF(TR_GENERAL, "%s\n", text);
     if (gReporting) return;
     gReporting = true;
-    nlIssue(kMsgInternalFailure, NL_ERRORLOG | NL_SEVERITY, kModule, line, text);
+    nlNote(kMsgInternalFailure, NL_ERRORLOG | NL_SEVERITY, kModule, line, text);
     gReporting = false;
 }
 

@@ -1,8 +1,7 @@
 // Keeping the library's message logs within bounds: a log either is pruned by age
 // (old entries cut from the front, optionally saved elsewhere) or wraps inside a fixed
 // number of bytes behind a "LOGHEADERREC" header; the same code converts a log from one
-// policy to the other. Also the process-wide date and time formats that stamp and parse
-// log entries.
+// policy to the other.
 //
 // A LogFile is not guarded: its owner serialises every call on one record (the activity
 // log holds its own mutex, the error log the NLS mutex). Every file is opened
@@ -24,36 +23,9 @@
 #include <ctime>
 #include <string>
 
-// Retention that keeps entries for ever: the pruner never touches such a log.
-constexpr uint32_t kLogKeepForever = 10000;
-// pruneMode value that appends pruned entries to the save file; anything else drops them.
-constexpr char kLogPruneSave = 'S';
-constexpr char kLogPruneDiscard = 'D';
-
-// Catalogue numbers and texts of the two marker lines of a wrapping log. They are
-// fixed here rather than read from the catalogue, so that a log written under one
-// language can still be read and converted under another.
-constexpr uint16_t kLogEndMarkerMsg = 268;
-constexpr const char* kLogEndMarker = "-------- END OF DATA --------";
-constexpr uint16_t kLogWrapMarkerMsg = 269;
-constexpr const char* kLogWrapMarker = "-------- LOG WRAPPED --------";
-
-// The log file record: one per managed log.
-struct LogFile {
-    std::string path;              // the log file, up to 1024 characters
-    uint32_t headerLen = 0;        // bytes of the header line with its newline
-    uint32_t maxBytes = 0;         // wrap size; 0: the log does not wrap
-    int32_t wrapping = 0;          // 1 while the open log is a wrapping log
-    uint32_t nextWrite = 0;        // where the next entry goes in a wrapping log
-    std::string saveName;          // pruned entries; no "/" means the log's directory
-    uint32_t retentionDays = kLogKeepForever;
-    char pruneMode = kLogPruneDiscard;
-    int32_t binaryModes = 0;       // 1: "ab"/"wb+" instead of "a"/"w+"
-    int32_t quiet = 0;             // 1: no conversion messages (233, 234) when opened
-    FILE* stream = nullptr;        // the open log, owned by the record
-    int32_t lastErrno = 0;         // errno of the last failed operation
-    int32_t failed = 0;            // 1 after a failed operation
-};
+#include "BKVlib/common/ut/datefmt.h"
+#include "BKVlib/common/ut/logfile.h"
+#include "BKVlib/common/ut/pathname.h"
 
 // The settings operation, in this order: wrap size in bytes (0 = plain log), save file
 // name (null or empty = none), retention days (kLogKeepForever = no pruning), prune
@@ -97,11 +69,6 @@ int32_t utCloseLog(LogFile* log);
 // -1 when the removal failed.
 int32_t utRemoveIfEmpty(const char* path);
 
-// The directory part of path ("." when it has none, "/" for a name in the root) and
-// the part after the last "/".
-std::string utDirName(const std::string& path);
-std::string utBaseName(const std::string& path);
-
 // A header line taken apart.
 struct LogHeader {
     int32_t present = 0;      // the line starts with "LOGHEADERREC"
@@ -114,43 +81,5 @@ struct LogHeader {
 LogHeader utParseLogHeader(const char* line, size_t length);
 // The full header of a wrapping log: its line and the blank line after it.
 std::string utFormatLogHeader(uint32_t nextWrite, uint32_t maxBytes);
-
-// ---- Date and time formats (process-wide; set once at start, before threads) ----
-// Date settings: 0 the locale's format when usable, else "%m/%d/%Y"; 1 "%m/%d/%Y";
-// 2 "%d-%m-%Y"; 3 "%Y-%m-%d"; 4 "%d.%m.%Y"; 5 "%Y.%m.%d"; others leave it unchanged.
-// Time settings: 0 the locale's format when usable, else "%H:%M:%S", with the locale's
-// AM/PM words (at most 5 characters); 1 "%H:%M:%S"; 2 "%H,%M,%S"; 3 "%H.%M.%S";
-// 4 "%I:%M:%S%p" with "AM"/"PM"; others leave it unchanged.
-// The agent's choice, date 3 and time 1, is also the setting before any call.
-void utSetDateFormat(int32_t setting);
-void utSetTimeFormat(int32_t setting);
-const char* utDateFormat();
-const char* utTimeFormat();
-// Third character of the current format.
-char utDateSeparator();
-char utTimeSeparator();
-// A locale format is usable when its directives are only d, m, y, Y (date) or
-// H, I, M, S, p (time).
-bool utDateFormatUsable(const char* format);
-bool utTimeFormatUsable(const char* format);
-
-// Format when in the current date or time format; return the length written, 0 when
-// buf is null or too small (buf then holds "").
-size_t utFormatDate(const struct tm* when, char* buf, size_t size);
-size_t utFormatTime(const struct tm* when, char* buf, size_t size);
-// "date time " of the wall clock now, in the current formats: the stamp in front of a
-// library log line or a stamped console message.
-std::string utStampNow();
-// Parses a date in the current date format from the first length characters of text
-// (characters behind the date are ignored). Fills tm_year, tm_mon and tm_mday of
-// *date. 0, or -1 when the text is not a real date in that format.
-int32_t utParseDate(const char* text, size_t length, struct tm* date);
-// Calendar days from *from to *to (negative when to is earlier); uses year, month, day.
-int64_t utDaysBetween(const struct tm* from, const struct tm* to);
-// Today's local date by the library clock.
-void utToday(struct tm* today);
-// The clock the pruner reads (time by default); returns the previous one. For tests.
-typedef time_t (*UtClock)();
-UtClock utSetClock(UtClock clock);
 
 #endif

@@ -200,6 +200,16 @@ extern const TraceAggregate trLibAggregates[];
 // trFormatThreadTag does the standard filling for a callback that knows its thread.
 typedef void (*ThreadTagFn)(char* banner, size_t bannerSize, char* tag, size_t tagSize);
 void trFormatThreadTag(unsigned long threadId, char* banner, size_t bannerSize, char* tag, size_t tagSize);
+// The standard filling for whichever thread is calling, by its thread number.
+void trCallerThreadTag(char* banner, size_t bannerSize, char* tag, size_t tagSize);
+// Catalogue messages the trace has for the user: a bad destination name (236, the
+// name), an unusable directory (the directory, the error text) and the headings of
+// a query (no inserts; standard output only, toErrorLog false). The message layer
+// traces, so the trace cannot issue them itself: whoever starts the trace installs
+// the sink, which stays until replaced. Without one the notices are dropped
+// and the return codes still tell.
+typedef void (*TraceNoticeFn)(uint16_t msgNum, bool toErrorLog, const char* insert1, const char* insert2);
+void trSetNoticeSink(TraceNoticeFn sink);
 // CONSOLE destination: op 0 open (0 accepts), 1 write text, 2 close.
 typedef int32_t (*ConsoleSink)(int32_t op, const char* text, void* context);
 

@@ -1,5 +1,5 @@
-// The trace facility's one process-wide state, shared by its set-up code
-// (trace.cpp) and its record writers (trwrite.cpp). Not for other callers.
+// The trace facility's one process-wide state, shared by its set-up code (trace.cpp,
+// trdest.cpp, trquery.cpp) and its record writers (trwrite.cpp). Not for other callers.
 #ifndef BKVLIB_COMMON_UT_TRSTATE_H
 #define BKVLIB_COMMON_UT_TRSTATE_H
 
@@ -10,8 +10,8 @@
 #include <ctime>
 #include <string>
 
-#include "BKVlib/common/thrd/pkthread.h"
 #include "BKVlib/common/ut/trace.h"
+#include "BKVlib/common/ut/trlock.h"
 
 // Fields read by writers on any thread without the state mutex are atomic.
 // stateMutex guards opening, closing and the names; wrapMutex guards the wrap
@@ -22,8 +22,8 @@ struct TraceState {
     std::atomic<FILE*> stream{nullptr};
     uint32_t dataStart = 0;
     uint32_t nextWrite = 0;
-    MutexHandle stateMutex = nullptr;
-    MutexHandle wrapMutex = nullptr;
+    TrMutexHandle stateMutex = nullptr;
+    TrMutexHandle wrapMutex = nullptr;
     std::atomic<unsigned long> lastThread{0};
     int32_t clientType = 0;
     int32_t markedActive = 0;
@@ -45,6 +45,11 @@ struct TraceState {
     ConsoleSink consoleSink = nullptr;
     void* consoleContext = nullptr;
     std::atomic<ThreadTagFn> threadTagFn{nullptr};
+    std::atomic<TraceNoticeFn> noticeSink{nullptr};
+    // The status log: a trace begun by trStatusLog and kept across its calls.
+    bool statusLogRunning = false;
+    int32_t statusLogPrefix = 1;
+    std::string statusLogPath;
     // Cross-process lock on the wrapping file: how deeply this thread holds it and
     // which opening of the file it was taken on (both under wrapMutex).
     int32_t fileLockDepth = 0;
@@ -75,13 +80,13 @@ private:
 // the trace again from inside the writer, and a failing write ends it from there.
 class ReentrantHold {
 public:
-    explicit ReentrantHold(MutexHandle mutex);
+    explicit ReentrantHold(TrMutexHandle mutex);
     ~ReentrantHold();
     ReentrantHold(const ReentrantHold&) = delete;
     ReentrantHold& operator=(const ReentrantHold&) = delete;
 
 private:
-    MutexHandle mutex_;
+    TrMutexHandle mutex_;
     bool acquired_;
 };
 
@@ -114,6 +119,11 @@ public:
 private:
     int fd_;
 };
+
+// Every class but ERROR off.
+void trClearClassFlags();
+// Hands a notice to the installed sink, if any.
+void trNotify(uint16_t msgNum, bool toErrorLog, const char* insert1 = nullptr, const char* insert2 = nullptr);
 
 // The record prefix's date and time texts in the process's date and time formats
 // (the agent's: "%Y-%m-%d", "%H:%M:%S").
