@@ -40,6 +40,7 @@ void dropRegion(Pool& p, const void* base) {
     auto at = std::lower_bound(p.regions.begin(), p.regions.end(), key,
                                [](const Region& a, uintptr_t k) { return a.begin < k; });
     if (at != p.regions.end() && at->begin == key) p.regions.erase(at);
+    if (p.lastRegion.begin == key) p.lastRegion = {0, 0, false};
 }
 
 const Region* searchRegion(Pool& p, uintptr_t addr) {
@@ -47,8 +48,8 @@ const Region* searchRegion(Pool& p, uintptr_t addr) {
                                [](uintptr_t k, const Region& r) { return k < r.begin; });
     const Region* found = nullptr;
     if (at != p.regions.begin() && addr < (at - 1)->end) {
-        found = &*(at - 1);
-        p.lastRegion = static_cast<size_t>(at - 1 - p.regions.begin());
+        p.lastRegion = *(at - 1);
+        found = &p.lastRegion;
     }
     return found;
 }

@@ -86,7 +86,7 @@ struct Pool {
     BlockRef freeList = kNoBlock;
     std::vector<Segment*> table;  // by segment number; null slots are reused
     std::vector<Region> regions;  // sorted by begin
-    size_t lastRegion = 0;        // index of the region found last
+    Region lastRegion = {0, 0, false};  // a copy of the region found last; empty when none
     KfwStats stats = {};
     KfwOutOfMemoryHandler outOfMemory = nullptr;
     KfwSystemAllocator system = {malloc, free};
@@ -175,12 +175,12 @@ inline void removeFree(Pool& p, CBlkHead* b) {
     if (l->next != kNoBlock) linksOf(blockOf(p, l->next))->prev = l->prev;
 }
 
-// The region holding addr, or null. The region of the last call is tried first:
-// frees tend to follow allocations from the same segment.
+// The region holding addr, or null; valid until the next lookup. The region of the
+// last call is tried first: frees tend to follow allocations from the same segment.
 const Region* searchRegion(Pool& p, uintptr_t addr);
 inline const Region* regionOf(Pool& p, uintptr_t addr) {
-    const Region* last = p.lastRegion < p.regions.size() ? &p.regions[p.lastRegion] : nullptr;
-    return last && addr >= last->begin && addr < last->end ? last : searchRegion(p, addr);
+    const Region& last = p.lastRegion;
+    return addr - last.begin < last.end - last.begin ? &last : searchRegion(p, addr);
 }
 
 // The header of the block behind payload, or null when payload is not where a block
