@@ -34,23 +34,32 @@ bool wrongSize(size_t size) {
 
 }  // namespace
 
-void* kfMalloc(size_t size, const char* file, int line) {
-    void* result = nullptr;
-    if (wrongSize(size)) {
+namespace {
+
+// The outcome of kfMalloc other than a success with the MEMORY class off. Kept out of
+// line so that the common call needs neither the formatting nor its registers.
+__attribute__((noinline)) void reportMalloc(bool wrong, void* result, size_t size, const char* file, int line) {
+    if (wrong) {
         report(file, line, "Wrong Alloc call: Size %ld File %s Line %d\n", static_cast<long>(size), fileText(file), line);
+    } else if (!result) {
+        report(file, line, "Alloc failed: Size %ld File %s Line %d\n", static_cast<long>(size), fileText(file), line);
     } else {
-        {
-            kfw::Pool& p = kfw::pool();
-            kfw::PoolGuard guard(p);
-            result = KfwBlockAlloc(p, size);
-        }
-        if (!result) {
-            report(file, line, "Alloc failed: Size %ld File %s Line %d\n", static_cast<long>(size), fileText(file), line);
-        } else {
-            TR_PRINTF(TR_MEMORY, "KFWEM(+) Addr %p Size %ld File %s Line %d\n", result, static_cast<long>(size),
-                      fileText(file), line);
-        }
+        TR_PRINTF(TR_MEMORY, "KFWEM(+) Addr %p Size %ld File %s Line %d\n", result, static_cast<long>(size),
+                  fileText(file), line);
     }
+}
+
+}  // namespace
+
+void* kfMalloc(size_t size, const char* file, int line) {
+    bool wrong = wrongSize(size);
+    void* result = nullptr;
+    if (!wrong) {
+        kfw::Pool& p = kfw::pool();
+        kfw::PoolGuard guard(p);
+        result = KfwBlockAlloc(p, size);
+    }
+    if (wrong || !result || trFlags[TR_MEMORY]) reportMalloc(wrong, result, size, file, line);
     return result;
 }
 
@@ -122,13 +131,10 @@ void* kfRealloc(void* pointer, size_t size, const char* file, int line) {
     return result;
 }
 
-void kfFree(void* pointer, const char* file, int line) {
-    KfwBlockState state;
-    {
-        kfw::Pool& p = kfw::pool();
-        kfw::PoolGuard guard(p);
-        state = KfwBlockFree(p, pointer);
-    }
+namespace {
+
+// The outcome of kfFree other than a success with the MEMORY class off (see reportMalloc).
+__attribute__((noinline)) void reportFree(KfwBlockState state, void* pointer, const char* file, int line) {
     const char* name = fileText(file);
     switch (state) {
         case KfwBlockState::Ok:
@@ -147,6 +153,18 @@ void kfFree(void* pointer, const char* file, int line) {
         default:
             break;  // the assertion was reported where it failed
     }
+}
+
+}  // namespace
+
+void kfFree(void* pointer, const char* file, int line) {
+    KfwBlockState state;
+    {
+        kfw::Pool& p = kfw::pool();
+        kfw::PoolGuard guard(p);
+        state = KfwBlockFree(p, pointer);
+    }
+    if (state != KfwBlockState::Ok || trFlags[TR_MEMORY]) reportFree(state, pointer, file, line);
 }
 
 void KfwGetStats(KfwStats* stats) {

@@ -213,7 +213,7 @@ void dirFree(Pool& p, CBlkHead* b);
 
 // Misuse goes to the trace and to standard error: a double free or a stray pointer
 // is a programming error that must be seen even when no trace is running.
-void report(const char* file, int line, const char* format, ...) __attribute__((format(printf, 3, 4)));
+void report(const char* file, int line, const char* format, ...) __attribute__((format(printf, 3, 4), cold));
 inline const char* fileText(const char* file) { return file ? file : "<unknown>"; }
 
 }  // namespace kfw
