@@ -38,8 +38,7 @@ void allocFreePairs(benchmark::State& state) {
     Calls::release(resident);
 }
 
-// A process declared single-threaded, where the pool takes no lock (the path
-// planner's own case).
+// A process declared single-threaded, where the pool takes no lock.
 void BM_PoolPair(benchmark::State& state) {
     psSetMultiThreaded(0);
     allocFreePairs<PoolCalls>(state);

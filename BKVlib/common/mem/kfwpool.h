@@ -67,7 +67,8 @@ constexpr size_t kSegBytes = (sizeof(Segment) + kWholeBlock + kHead + kGrain - 1
 
 // A spinning lock without owner bookkeeping. A pool call holds it for a few dozen
 // instructions, far less than a sleeping mutex costs to take, and no pool call takes
-// it twice on one thread: the only outside code run while it is held is the trace.
+// it twice on one thread: the only outside code run while it is held is the trace and
+// the system allocator (the out-of-memory handler runs with it let go).
 class PoolLock {
 public:
     void lock() {
