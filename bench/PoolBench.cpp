@@ -1,4 +1,6 @@
 // The memory pool beside the C library's allocator, in the same run and pattern.
+// The names are read by bench/ratios.sh: BM_PoolPair and BM_PoolPairLocked are each
+// divided by BM_MallocPair.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -10,6 +12,8 @@
 #include "BKVlib/common/unx/psthread.h"
 
 namespace {
+
+constexpr size_t kPairSize = 64;
 
 struct PoolCalls {
     static void* alloc(size_t size) { return kfMalloc(size, __FILE__, __LINE__); }
@@ -24,40 +28,43 @@ struct SystemCalls {
 // One block allocated and freed again, with another block keeping its segment alive
 // as a running program's other allocations would.
 template <typename Calls>
-void BM_AllocFreePair(benchmark::State& state) {
-    size_t size = static_cast<size_t>(state.range(0));
-    void* resident = Calls::alloc(64);
+void allocFreePairs(benchmark::State& state) {
+    void* resident = Calls::alloc(kPairSize);
     for (auto _ : state) {
-        void* p = Calls::alloc(size);
+        void* p = Calls::alloc(kPairSize);
         benchmark::DoNotOptimize(p);
         Calls::release(p);
     }
     Calls::release(resident);
 }
 
-// The pair in a process declared single-threaded, where the pool takes no lock
-// (the path planner's own case).
-template <typename Calls>
-void BM_AllocFreePairSingleThreaded(benchmark::State& state) {
+// A process declared single-threaded, where the pool takes no lock.
+void BM_PoolPair(benchmark::State& state) {
     psSetMultiThreaded(0);
-    BM_AllocFreePair<Calls>(state);
+    allocFreePairs<PoolCalls>(state);
     psSetMultiThreaded(1);
 }
 
-// The same with nothing else allocated: the pool hands its segment back every time.
-template <typename Calls>
-void BM_AllocFreeEmpty(benchmark::State& state) {
-    size_t size = static_cast<size_t>(state.range(0));
+void BM_PoolPairLocked(benchmark::State& state) {
+    psSetMultiThreaded(1);
+    allocFreePairs<PoolCalls>(state);
+}
+
+void BM_MallocPair(benchmark::State& state) { allocFreePairs<SystemCalls>(state); }
+
+// With nothing else allocated the pool hands its segment back on every free.
+void BM_PoolPairEmpty(benchmark::State& state) {
     for (auto _ : state) {
-        void* p = Calls::alloc(size);
+        void* p = PoolCalls::alloc(kPairSize);
         benchmark::DoNotOptimize(p);
-        Calls::release(p);
+        PoolCalls::release(p);
     }
 }
 
-// 1000 blocks of 8 to 256 bytes, then freed in a shuffled order.
+// 1000 blocks of 8 to 256 bytes, then freed in a shuffled order: free-list walks and
+// merging rather than the one hot block.
 template <typename Calls>
-void BM_Batch(benchmark::State& state) {
+void shuffledBatches(benchmark::State& state) {
     std::mt19937 random(7);
     std::vector<size_t> sizes(1000);
     for (auto& s : sizes) s = 8 + random() % 249;
@@ -72,13 +79,14 @@ void BM_Batch(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(sizes.size()));
 }
 
-BENCHMARK_TEMPLATE(BM_AllocFreePair, PoolCalls)->Arg(16)->Arg(64)->Arg(256);
-BENCHMARK_TEMPLATE(BM_AllocFreePair, SystemCalls)->Arg(16)->Arg(64)->Arg(256);
-BENCHMARK_TEMPLATE(BM_AllocFreePairSingleThreaded, PoolCalls)->Arg(64);
-BENCHMARK_TEMPLATE(BM_AllocFreePairSingleThreaded, SystemCalls)->Arg(64);
-BENCHMARK_TEMPLATE(BM_AllocFreeEmpty, PoolCalls)->Arg(64);
-BENCHMARK_TEMPLATE(BM_AllocFreeEmpty, SystemCalls)->Arg(64);
-BENCHMARK_TEMPLATE(BM_Batch, PoolCalls);
-BENCHMARK_TEMPLATE(BM_Batch, SystemCalls);
+void BM_PoolBatch(benchmark::State& state) { shuffledBatches<PoolCalls>(state); }
+void BM_MallocBatch(benchmark::State& state) { shuffledBatches<SystemCalls>(state); }
+
+BENCHMARK(BM_PoolPair);
+BENCHMARK(BM_PoolPairLocked);
+BENCHMARK(BM_MallocPair);
+BENCHMARK(BM_PoolPairEmpty);
+BENCHMARK(BM_PoolBatch);
+BENCHMARK(BM_MallocBatch);
 
 }  // namespace

@@ -2,13 +2,14 @@
 // taken from the system allocator, large blocks ("direct blocks") get a system
 // allocation of their own. Every call carries the caller's file and line so that
 // misuse is reported where it happened (MEMORY trace class and standard error).
-// One pool per process, guarded by the pool mutex: every call may come from any thread.
+// One pool per process, guarded by the pool lock: every call may come from any thread.
 #ifndef BKVLIB_COMMON_MEM_KFWEM_H
 #define BKVLIB_COMMON_MEM_KFWEM_H
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
+
+#include "BKVlib/common/mem/kfwcheck.h"
 
 // Usable bytes of one segment; a request above it becomes a direct block.
 constexpr int32_t KF_SEG_SIZE = 65384;
@@ -47,7 +48,8 @@ struct KfwStats {
 void KfwGetStats(KfwStats* stats);
 
 // Called when the system allocator fails while a segment is being obtained; a
-// non-zero result asks for one more try. Null removes the handler.
+// non-zero result asks for one more try. It runs without the pool lock, so it may
+// free pool blocks. Null removes the handler.
 typedef int (*KfwOutOfMemoryHandler)(size_t size);
 void KfwSetOutOfMemoryHandler(KfwOutOfMemoryHandler handler);
 
@@ -58,14 +60,5 @@ struct KfwSystemAllocator {
     void (*release)(void* block);
 };
 void KfwSetSystemAllocator(const KfwSystemAllocator* allocator);  // null: malloc and free
-
-// Walks every segment and direct block and dumps them with the statistics into the
-// MEMORY trace class; RC_OK, or RC_POOL_DAMAGED when a header or a link is wrong.
-int32_t KfwPoolCheck();
-// Dumps the bytes of the block behind pointer (header included) into the MEMORY trace.
-void KfwBlockDump(const void* pointer);
-// The dump text of length bytes: 16 per line, hex then characters; runs of lines
-// identical to the one above are folded into one note.
-std::string KfwFormatBytes(const unsigned char* bytes, size_t length);
 
 #endif
