@@ -9,19 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "BKVlib/common/mem/kfwcheck.h"
-
-// Usable bytes of one segment; a request above it becomes a direct block.
-constexpr int32_t KF_SEG_SIZE = 65384;
-constexpr uint16_t KF_MAGIC_FREE = 0x5386;
-constexpr uint16_t KF_MAGIC_BUSY = 0x3917;
-
-// Header in front of every block; the caller's pointer is header + 8.
-struct CBlkHead {
-    uint16_t magic;     // KF_MAGIC_FREE or KF_MAGIC_BUSY
-    uint16_t prevFree;  // size of the block just before when that one is free, else 0
-    int32_t bSize;      // size with header: > 0 free, < 0 busy, 0 direct block
-};
+#include "BKVlib/common/mem/kfwlayout.h"
 
 // The public calls. Each returns null (and reports why) on a wrong call or when
 // memory runs out; kfRealloc(nullptr, ...) is reported and acts as kfMalloc; a failed
@@ -37,28 +25,12 @@ void kfFree(void* pointer, const char* file, int line);
 #define KF_REALLOC(pointer, size) kfRealloc((pointer), (size), __FILE__, __LINE__)
 #define KF_FREE(pointer) kfFree((pointer), __FILE__, __LINE__)
 
-struct KfwStats {
-    long allocated;        // bytes of busy blocks and direct blocks, headers included
-    long freeBytes;        // bytes of free blocks inside segments
-    long segments;
-    long directBlocks;
-    long maxSegments;      // highest segment count ever reached
-    long maxDirectBlocks;  // highest direct block count ever reached
-};
 void KfwGetStats(KfwStats* stats);
 
-// Called when the system allocator fails while a segment is being obtained; a
-// non-zero result asks for one more try. It runs without the pool lock, so it may
-// free pool blocks. Null removes the handler.
-typedef int (*KfwOutOfMemoryHandler)(size_t size);
+// Null removes the handler.
 void KfwSetOutOfMemoryHandler(KfwOutOfMemoryHandler handler);
 
-// Where segments and direct blocks come from (malloc and free by default). Change
-// it only while the pool holds nothing, or with a release that accepts earlier blocks.
-struct KfwSystemAllocator {
-    void* (*alloc)(size_t size);
-    void (*release)(void* block);
-};
+// Change the system allocator only while the pool holds nothing, or with a release that accepts earlier blocks.
 void KfwSetSystemAllocator(const KfwSystemAllocator* allocator);  // null: malloc and free
 
 #endif

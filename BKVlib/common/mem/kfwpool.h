@@ -19,7 +19,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "BKVlib/common/mem/kfwem.h"
+#include "BKVlib/common/mem/kfwlayout.h"
 #include "BKVlib/common/unx/psthread.h"
 
 namespace kfw {

@@ -1,3 +1,4 @@
+#include "BKVlib/common/mem/kfwcheck.h"
 #include "BKVlib/common/mem/kfwem.h"
 
 #include <cstdint>
