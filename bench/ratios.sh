@@ -139,6 +139,10 @@ rate = medium["bytes_per_second"] / 1e6 if medium and "bytes_per_second" in medi
 report("topology 100k paths rate", rate, f"{rate:.0f} MB/s" if rate else "", "goal >= 400 MB/s", lambda v: v >= 400)
 per_path = ratio(cpu_ns(large) / 1e6 if large else None, cpu_ns(small) / 1e4 if small else None)
 report_ratio("topology linearity 10k..1M", per_path, "per path at 1M vs 10k", 1.5)
+# What making the records costs with no text read at all: the floor under the goal.
+floor = cpu_ns(bench(topology, [r"BM_RecordsAlone/100000"]))
+if floor:
+    print(f"{'topology 100k records alone':<28} {f'{floor / 1e6:.1f} ms':<42} {'(no goal)':<17} info")
 
 pool = load("PoolBench")
 malloc_pair = cpu_ns(bench(pool, [r"BM_MallocPair", r"BM_AllocFreePairSingleThreaded<SystemCalls>(/64)?",
