@@ -7,7 +7,7 @@
 # shows the build's installation at /opt/ZOR/QLX), hyperfine (./deps.sh bench) and
 # python3. Exit status 0 when every figure is within its goal, 1 when one is not
 # (or missing), 2 when it cannot run at all.
-#   PP_RATIOS_RUNS      start-up runs per command (default 300)
+#   PP_RATIOS_RUNS      start-up runs per command, in five rounds (default 300)
 #   PP_RATIOS_REPS      repetitions of each benchmark, the median counts (default 3)
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -27,8 +27,12 @@ if [ "${1:-}" = --inside ]; then
     echo "ratios: '$tool -multipath 9' exited $status, expected 5" >&2
     exit 2
   fi
-  hyperfine -N --style none --warmup 30 --runs "$runs" --export-json "$out" -i \
-    /bin/true "$tool -version" "$tool -multipath 9" >/dev/null 2>"$out.err" || { cat "$out.err" >&2; exit 2; }
+  # Short rounds of all three commands, so that a change in the machine's load
+  # between commands moves one round's ratios and not the median of all rounds.
+  for round in 1 2 3 4 5; do
+    hyperfine -N --style none --warmup 10 --runs "$((runs / 5))" --export-json "$out-$round.json" -i \
+      /bin/true "$tool -version" "$tool -multipath 9" >/dev/null 2>"$out.err" || { cat "$out.err" >&2; exit 2; }
+  done
   exit 0
 fi
 
@@ -46,7 +50,7 @@ trap 'rm -rf "$work"' EXIT
 
 # cmake --install copies what the build made and compiles nothing.
 cmake --install "$build" --prefix "$work/QLX/agent" >/dev/null
-unshare -m --propagation private "$here/ratios.sh" --inside "$work/QLX" "$work/startup.json" "$runs"
+unshare -m --propagation private "$here/ratios.sh" --inside "$work/QLX" "$work/startup" "$runs"
 
 bench_args=(--benchmark_format=json --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true)
 for b in TraceBench TopologyBench PoolBench; do
@@ -89,12 +93,19 @@ def cpu_ns(run):
     return run["cpu_time"] * UNIT_NS[run["time_unit"]] if run else None
 
 
-def startup_median(command_end):
-    results = (load("startup") or {}).get("results", [])
-    for r in results:
-        if r["command"].endswith(command_end):
-            return r["median"]
-    return None
+def startup_rounds(command_end):
+    """The command's median wall time in each round of the start-up comparison."""
+    medians = []
+    for round_number in range(1, 6):
+        for r in (load(f"startup-{round_number}") or {}).get("results", []):
+            if r["command"].endswith(command_end):
+                medians.append(r["median"])
+    return medians
+
+
+def median(values):
+    values = sorted(values)
+    return values[len(values) // 2] if values else None
 
 
 def ratio(a, b):
@@ -119,11 +130,12 @@ def report_ratio(label, value, against, limit, detail=""):
     report(label, value, shown, f"goal <= {limit:.2f}x", lambda v: v <= limit)
 
 
-bare = startup_median("/bin/true")
+bare = startup_rounds("/bin/true")
 for label, end in (("startup -version", " -version"), ("startup rejected request", " -multipath 9")):
-    tool = startup_median(end)
-    detail = f" ({tool * 1e3:.2f} vs {bare * 1e3:.2f} ms)" if tool and bare else ""
-    report_ratio(label, ratio(tool, bare), "/bin/true", 1.3, detail)
+    tool = startup_rounds(end)
+    rounds = [t / b for t, b in zip(tool, bare)] if len(tool) == len(bare) else []
+    detail = f" ({median(tool) * 1e3:.2f} vs {median(bare) * 1e3:.2f} ms)" if rounds else ""
+    report_ratio(label, median(rounds), "/bin/true", 1.3, detail)
 
 trace = load("TraceBench")
 fprintf = cpu_ns(bench(trace, [r"BM_Fprintf\w*"]))
