@@ -4,6 +4,7 @@
 #   ./deps.sh package   build, plus rpmbuild and dpkg-shlibdeps for the .rpm and .deb
 #   ./deps.sh test      package, plus the test tools (GoogleTest, faketime, lintian, ...)
 #   ./deps.sh fuzz      test, plus clang and its fuzzing runtime
+#   ./deps.sh bench     test, plus hyperfine for bench/ratios.sh's start-up timings
 # Nothing here changes how the host runs its storage: the tests drive fake multipath
 # tools in a private mount namespace, so multipath-tools is never installed.
 set -euo pipefail
@@ -16,12 +17,14 @@ package=("${build[@]}" rpm dpkg-dev)
 test=("${package[@]}" libgtest-dev libgmock-dev libbenchmark-dev faketime python3 python3-jsonschema procps util-linux bsdutils
       lintian mandoc man-db logrotate bash-completion ansible-core git)
 fuzz=("${test[@]}" clang libclang-rt-14-dev)
+bench=("${test[@]}" hyperfine)
 case "${1:-}" in
   build) packages=("${build[@]}") ;;
   package) packages=("${package[@]}") ;;
   test) packages=("${test[@]}") ;;
   fuzz) packages=("${fuzz[@]}") ;;
-  *) echo "usage: $0 build|package|test|fuzz" >&2; exit 2 ;;
+  bench) packages=("${bench[@]}") ;;
+  *) echo "usage: $0 build|package|test|fuzz|bench" >&2; exit 2 ;;
 esac
 missing=()
 for p in "${packages[@]}"; do
