@@ -84,29 +84,6 @@ TEST(LogHeaderTest, ParsesWhatItFormatsAndRefusesBadNumbers) {
     EXPECT_EQ(400u, utParseLogHeader(header.data(), header.find('\n')).maxBytes);
 }
 
-TEST_F(LogFileTest, DatesInEachSettingFormatAndParseBack) {
-    struct tm when = {};
-    when.tm_year = 124, when.tm_mon = 1, when.tm_mday = 9, when.tm_hour = 14, when.tm_min = 5, when.tm_sec = 7;
-    const struct { int32_t setting; const char* date; char dateSep; const char* time; char timeSep; } cases[] = {
-        {1, "02/09/2024", '/', "14:05:07", ':'},   {2, "09-02-2024", '-', "14,05,07", ','},
-        {3, "2024-02-09", '-', "14.05.07", '.'},   {4, "09.02.2024", '.', "02:05:07PM", ':'},
-        {5, "2024.02.09", '.', "02:05:07PM", ':'}, {-1, "2024.02.09", '.', "02:05:07PM", ':'}};
-    char buf[64];
-    for (const auto& c : cases) {
-        utSetDateFormat(c.setting);
-        utSetTimeFormat(c.setting);
-        EXPECT_EQ(strlen(c.date), utFormatDate(&when, buf, sizeof(buf))) << c.setting;
-        EXPECT_STREQ(c.date, buf) << c.setting;
-        struct tm parsed = {};
-        ASSERT_EQ(0, utParseDate((std::string(buf) + " 14:05").c_str(), 10, &parsed)) << buf;
-        EXPECT_EQ(0, utDaysBetween(&when, &parsed)) << buf;
-        utFormatTime(&when, buf, sizeof(buf));
-        EXPECT_STREQ(c.time, buf) << c.setting;
-        EXPECT_EQ(std::string() + c.dateSep + c.timeSep, std::string() + utDateSeparator() + utTimeSeparator());
-    }
-    EXPECT_EQ(0u, utFormatTime(&when, buf, 5));
-}
-
 TEST_F(LogFileTest, ParsesOnlyRealDatesAndCountsDaysBetween) {
     utSetDateFormat(3);
     struct tm parsed;
@@ -149,19 +126,6 @@ TEST_F(LogFileTest, PruneCutsLinesUpToFirstEntryYoungerThanRetention) {
     }
     EXPECT_EQ(-1, utPruneLog(&log_, dir_.file("missing.log").c_str(), nullptr, nullptr, 5));
     EXPECT_EQ(ENOENT, log_.lastErrno);
-}
-
-TEST_F(LogFileTest, PlainLogIsPrunedWhenOpenedSavingOnlyInSaveMode) {
-    for (char mode : {kLogPruneSave, kLogPruneDiscard}) {
-        writeFile(path_, "2024-01-01 old\n2024-03-14 new\n");
-        fs::remove(dir_.file("pruned.log"));
-        utSetLogSettings(&log_, 0, "pruned.log", 30, mode, 0, 0);
-        ASSERT_EQ(0, utWrapFile(&log_, path_.c_str(), 0));
-        EXPECT_TRUE(fcntl(fileno(log_.stream), F_GETFD) & FD_CLOEXEC);
-        utCloseLog(&log_);
-        EXPECT_EQ("2024-03-14 new\n", readFile(path_)) << mode;
-        EXPECT_EQ(mode == kLogPruneSave ? "2024-01-01 old\n" : "", readFile(dir_.file("pruned.log"))) << mode;
-    }
 }
 
 TEST_F(LogFileTest, ConvertsPlainToWrappingAndBackKeepingEntries) {

@@ -15,7 +15,6 @@
 #include <string>
 
 #include "BKVlib/common/ut/trace.h"
-#include "BKVlib/common/ut/trstate.h"
 #include "tests/BKVlib/common/ut/TraceTestUtil.h"
 
 using ::testing::HasSubstr;
@@ -135,81 +134,6 @@ TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
             EXPECT_THAT(text, Not(HasSubstr("run one record"))) << c.name;
             EXPECT_EQ(1u, countOf(text, "BEGINNING NEW TRACE")) << c.name;
         }
-    }
-}
-
-TEST_F(TraceWrapTest, SegmentsFillInTurnAndRestartEachFileAnew) {
-    beginBare(3, 2);  // two segments: 2 MB, then the 1 MB remainder
-    const std::string record(999, 's');
-    const std::string one = path_ + ".1", two = path_ + ".2";
-    for (int i = 0; i < 2100; ++i) put(record);
-    std::string first = readFile(one), second = readFile(two);
-    EXPECT_THAT(first, HasSubstr("\nContinued at beginning of segment 2\n\n"));
-    EXPECT_LE(first.size(), 2 * kMiB);
-    EXPECT_EQ("Continued from end of segment 1\n\n", second.substr(second.find('\n') + 2, 33));
-    EXPECT_THAT(second, HasSubstr("Tracing to file: " + two + "\n"));
-    EXPECT_EQ("3          ZOR", second.substr(24, 14));
-
-    for (int i = 0; i < 1100; ++i) put(record);
-    first = readFile(one);
-    second = readFile(two);
-    EXPECT_THAT(second, HasSubstr("\nContinued at beginning of segment 1\n\n"));
-    EXPECT_LE(second.size(), kMiB);
-    EXPECT_EQ("Continued from end of segment 2\n\n", first.substr(first.find('\n') + 2, 33));
-    EXPECT_THAT(first, Not(HasSubstr("Continued at beginning of segment 2")));
-    EXPECT_NE(0, access(path_.c_str(), F_OK));
-}
-
-// Writers in separate processes share one wrapping file, each starting, writing and
-// closing it at the same time as the others: no record of any of them is lost.
-TEST_F(TraceWrapTest, ProcessesSharingTheFileKeepEveryRecord) {
-    constexpr int kWriters = 6;
-    constexpr int kRecords = 300;
-    unlink(path_.c_str());
-    std::vector<pid_t> children;
-    for (int w = 0; w < kWriters; ++w) {
-        pid_t child = fork();
-        if (child == 0) {
-            resetTrace();
-            trSetMaxMB(1);
-            if (trBegin(path_.c_str(), 0) != 0) _exit(1);
-            trSetLibFlags("-TIMESTAMP -PREFIX", 0);
-            for (int i = 0; i < kRecords; ++i) trPrintf("f", 1, "writer %d record %d %s\n", w, i, std::string(80, 'r').c_str());
-            trEnd(1);
-            _exit(0);
-        }
-        children.push_back(child);
-    }
-    for (pid_t child : children) {
-        int status = 0;
-        ASSERT_EQ(child, waitpid(child, &status, 0));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    std::string text = readFile(path_);
-    EXPECT_EQ(static_cast<size_t>(kWriters), countOf(text, "BEGINNING NEW TRACE\n"));
-    for (int w = 0; w < kWriters; ++w) {
-        for (int i = 0; i < kRecords; ++i) {
-            std::string record = "writer " + std::to_string(w) + " record " + std::to_string(i) + " ";
-            ASSERT_EQ(1u, countOf(text, record)) << record;
-        }
-    }
-    EXPECT_EQ(1u, countOf(text, "END OF DATA - close"));
-    EXPECT_EQ("\nEND OF DATA - close\n\n", text.substr(recordedOffset(text), 22));
-}
-
-TEST_F(TraceWrapTest, SegmentArithmetic) {
-    const struct { uint32_t maxMB, segMB; bool segFirst; int32_t segCount; uint32_t segSize, lastSeg; } cases[] = {
-        {2500, 0, false, 3, 1000, 500}, {3000, 0, false, 3, 1000, 1000}, {1000, 0, false, 0, 0, 0},
-        {10, 3, false, 4, 3, 1}, {10, 3, true, 4, 3, 1}, {2, 5, false, 1, 2, 2}, {0, 4, false, -1, 4, 4}};
-    for (const auto& c : cases) {
-        resetTrace();
-        if (c.segFirst) trSetSegSizeMB(c.segMB);
-        if (c.maxMB) trSetMaxMB(c.maxMB);
-        if (c.segMB && !c.segFirst) trSetSegSizeMB(c.segMB);
-        const std::string label = std::to_string(c.maxMB) + "/" + std::to_string(c.segMB);
-        EXPECT_EQ(c.segCount, trState.segCount) << label;
-        EXPECT_EQ(c.segSize, trState.segSizeMB) << label;
-        EXPECT_EQ(c.lastSeg, trState.lastSegMB) << label;
     }
 }
 
