@@ -119,12 +119,6 @@ class TopologyTest(ModuleRun):
                 self.assertTrue(out['failed'])
                 self.assertIn(expected, out['msg'])
 
-    def test_state_needs_wwpn(self):
-        out = self.run_module('pathplanner_topology', state='offline')
-        self.assertTrue(out['failed'])
-        self.assertIn('wwpn', out['msg'])
-        self.assertEqual(self.calls(), [])
-
 
 sys.path.insert(0, os.path.join(COLLECTIONS, 'ansible_collections', 'zor', 'pathplanner', 'plugins', 'module_utils'))
 import pathplanner_common  # noqa: E402  (standard library only)
@@ -195,16 +189,18 @@ class PlannerCheckModeTest(ModuleRun):
 
     def test_bad_requests_run_nothing(self):
         cases = [
-            ({'action': 'policy', 'policy': 'failover'}, 'needs devices'),
-            ({'action': 'policy', 'policy': 'failover', 'devices': ['a;5']}, 'without ";"'),
-            ({'action': 'path_state', 'state': 'offline', 'device': 'd'}, 'wwpns'),
-            ({'action': 'path_state', 'state': 'offline', 'device': 'd', 'wwpns': ['']}, 'non-empty'),
+            ('pathplanner_topology', {'state': 'offline'}, 'wwpn'),
+            ('pathplanner', {'action': 'policy', 'policy': 'failover'}, 'needs devices'),
+            ('pathplanner', {'action': 'policy', 'policy': 'failover', 'devices': ['a;5']}, 'without ";"'),
+            ('pathplanner', {'action': 'path_state', 'state': 'offline', 'device': 'd'}, 'wwpns'),
+            ('pathplanner', {'action': 'path_state', 'state': 'offline', 'device': 'd', 'wwpns': ['']}, 'non-empty'),
         ]
-        for params, expected in cases:
-            with self.subTest(params=params):
-                out = self.run_module('pathplanner', check_mode=True, **params)
+        for module, params, expected in cases:
+            with self.subTest(module=module, params=params):
+                out = self.run_module(module, check_mode=module == 'pathplanner', **params)
                 self.assertTrue(out['failed'])
                 self.assertIn(expected, out['msg'])
+                self.assertEqual(self.calls(), [])
 
 
 if __name__ == '__main__':
