@@ -165,16 +165,4 @@ TEST_F(NlsRepositoryTest, CorruptAndUnknownEntriesYieldNothing) {
     EXPECT_NE(std::string::npos, nlsObject()->pendingText.find("): Message No 4242 could not be found.\n"));
 }
 
-TEST_F(NlsRepositoryTest, InsertsAreCollectedAsTypedValues) {
-    ASSERT_EQ(RC_OK, start("en_US"));
-    NlInserts found;
-    ASSERT_EQ(RC_OK, inserts(&found, 3, 42, "/etc/fstab"));  // reordered in the text, collected in argument order
-    EXPECT_EQ(3, found.messageType);
-    EXPECT_EQ(42, found.values[0].integer);
-    EXPECT_EQ("/etc/fstab", found.values[1].text);
-    EXPECT_EQ(4u + 11u, found.size);
-    EXPECT_EQ(RC_MSG_NOT_FOUND, inserts(&found, 4242));
-    EXPECT_EQ("?????", found.text);
-}
-
 }  // namespace
