@@ -78,13 +78,6 @@ TEST_F(RunFlowE2eTest, TraceThatCannotStartExits30AfterTheStartMessage) {
     EXPECT_THAT(log, Not(HasSubstr("AGT0458I")));
 }
 
-TEST_F(RunFlowE2eTest, DebugOptionWritesTraceBesideActivityLog) {
-    NamespaceHarness host;
-    RunResult r = host.run({"-debug", "MAX", "-multipath", "abc"});
-    ASSERT_EQ(3, r.exitStatus) << r.describe();
-    EXPECT_THAT(host.readAgentFile("log/multipath.trace"), HasSubstr("Exit: validateArgs() rc: 3\n"));
-}
-
 // A log limit moves the activity log to numbered files; a count keeps the newest.
 TEST_F(RunFlowE2eTest, LogLimitsKeepTheNewestNumberedLogs) {
     NamespaceHarness host;
