@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,16 +12,23 @@
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "tests/BKVlib/common/nls/NlsTestCatalog.h"
 
+using testfiles::readFile;
+
 namespace {
 
 std::vector<std::pair<uint8_t, std::string>> gLogged;
+
+// Date and time in the library's default formats, then the text.
+const std::string kStamp = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d )";
 
 class NlLogPrintfTest : public ::testing::Test {
 protected:
     void SetUp() override {
         nlsTerminate();
         ASSERT_EQ("", catalog_.add("en_US", "lib.cat",
-                                   "1 KRN0001I Copied %d files to %s.\n2 KRN0002E Failed on %s.\n"));
+                                   "1 KRN0001I Copied %d files to %s.\n2 KRN0002E Failed on %s.\n3 KRN0003W w\n4 KRN0004K k\n"
+                                   "5 KRN0005S s\n6 KRN0006T t\n201 KRN0201E e\n227 KRN0227I Not for the schedule "
+                                   "log.\n250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
         std::string used;
         ASSERT_EQ(0, nlsInit("lib.cat", catalog_.dir().c_str(), "lib.cat", NlsSettings(), &used));
         GlobalrC::instance()->clearAllRC();
@@ -28,9 +36,12 @@ protected:
         nlSetSeverityLogger([](uint8_t severity, const char* text) { gLogged.emplace_back(severity, text); });
     }
     void TearDown() override {
+        for (int32_t log : {NL_LOG_ERROR, NL_LOG_SCHED, NL_LOG_THIRD}) nlCloseLog(log);
         nlSetSeverityLogger(nullptr);
+        GlobalrC::setMsg250Override(false, 0);
         nlsTerminate();
     }
+    std::string logPath(const char* name) const { return catalog_.dir() + "/" + name; }
     uint16_t issue(NlMsgDesc* desc, uint32_t flags, char* buffer, uint16_t avail, ...) {
         desc->flags = flags;
         va_list args;
@@ -38,6 +49,9 @@ protected:
         uint16_t n = nlLogPrintf(desc, buffer, avail, args);
         va_end(args);
         return n;
+    }
+    bool logMatches(const char* name, const std::string& pattern) {
+        return std::regex_match(readFile(logPath(name)), std::regex(pattern));
     }
     NlsTestCatalog catalog_;
 };
@@ -72,6 +86,90 @@ TEST_F(NlLogPrintfTest, TooSmallBufferWritesNowhereButRaisesReturnCode) {
     EXPECT_TRUE(gLogged.empty());
     EXPECT_EQ(GRC_SEVERE, GlobalrC::instance()->get());
     EXPECT_EQ(0, nlIssue(77, 0));  // not in the catalogue
+}
+
+TEST_F(NlLogPrintfTest, LogLinesAreStampedOnce) {
+    EXPECT_EQ(RC_OK, nlErrorLogWrite("not open yet"));
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_THIRD, logPath("third.log").c_str(), 0));
+    EXPECT_EQ(RC_OK, nlThirdLogWrite("narrow\n"));
+    EXPECT_EQ(RC_OK, nlThirdLogWriteW(L"wide"));
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_ERROR, logPath("error.log").c_str(), 0));
+    nlIssue(2, NL_ERRORLOG, "sda");
+    nlIssue(1, NL_ERRORLOG | NL_NEWLINE, 2, "/b");
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_SCHED, logPath("sched.log").c_str(), 0));
+    nlSchedLogWrite("part one, ");
+    nlSchedLogWrite("continued\n");
+    nlIssue(227, NL_NEWLINE);
+    nlIssue(2, NL_NEWLINE, "sdd");
+    const std::string errors = kStamp + "KRN0002E Failed on sda\\.\n" + kStamp + "KRN0001I Copied 2 files to /b\\.\n";
+    EXPECT_TRUE(logMatches("error.log", errors)) << readFile(logPath("error.log"));
+    EXPECT_TRUE(logMatches("sched.log", kStamp + "part one, continued\n" + kStamp + "KRN0002E Failed on sdd\\.\n"))
+        << readFile(logPath("sched.log"));
+    EXPECT_TRUE(logMatches("third.log", kStamp + "narrow\n" + kStamp + "wide\n")) << readFile(logPath("third.log"));
+    nlsTerminate();
+    EXPECT_EQ(RC_MISSING_ARG, nlErrorLogWrite("no repository"));
+}
+
+TEST_F(NlLogPrintfTest, FailedThirdLogIsSwitchedOffWithMessage250) {
+    ASSERT_EQ(0, nlOpenLog(NL_LOG_ERROR, logPath("error.log").c_str(), 0));
+    if (nlOpenLog(NL_LOG_THIRD, "/dev/full", 0) != 0) GTEST_SKIP() << "/dev/full cannot be opened as a log here";
+    EXPECT_EQ(RC_LOG_WRITE_FAILED, nlThirdLogWrite("lost"));
+    EXPECT_EQ(RC_OK, nlThirdLogWrite("not written: the log is off"));
+    EXPECT_NE(std::string::npos, readFile(logPath("error.log")).find("KRN0250E Log /dev/full off: "));
+    EXPECT_EQ(GRC_SEVERE, GlobalrC::instance()->get());
+}
+
+TEST_F(NlLogPrintfTest, MessageSeveritiesSetRunningMaximaOfReturnCodes) {
+    const struct { int32_t msgNum, rc; } cases[] = {
+        {1, 0},   {2, 12},  {3, 8},   {4, 12},  {5, 12},   {6, 0},    {201, 4}, {223, 4},
+        {230, 4}, {251, 4}, {262, 4}, {266, 4}, {263, 12}, {250, 12}, {9999, 0}, {-1, 0}};
+    for (const auto& c : cases) EXPECT_EQ(c.rc, GlobalrC::msgRC(c.msgNum)) << c.msgNum;
+    const struct { bool enabled; int32_t value, rc; } overrides[] = {{true, 6, 6}, {true, 0, 8}, {true, -3, 8}, {false, 6, 12}};
+    for (const auto& o : overrides) {
+        GlobalrC::setMsg250Override(o.enabled, o.value);
+        EXPECT_EQ(o.rc, GlobalrC::msgRC(250)) << o.enabled << " " << o.value;
+    }
+    GlobalrC* rc = GlobalrC::instance();
+    EXPECT_EQ(0, rc->set(1));  // information never changes rc
+    EXPECT_EQ(1, rc->set(2));
+    EXPECT_EQ(0, rc->set(3));  // a lower value never lowers rc
+    EXPECT_EQ(12, rc->get());
+    rc->clearRC();
+    EXPECT_EQ(1, rc->set(3));
+    EXPECT_EQ(8, rc->get());
+    EXPECT_EQ(12, rc->getMacroMax());
+    rc->clearMacroRC();
+    EXPECT_EQ(12, rc->get() + rc->getMacroMax() + rc->getMax());
+    EXPECT_EQ(1, rc->clearAllRC());
+    EXPECT_EQ(0, rc->getMax());
+}
+
+TEST(NlYesNoTest, WordLists) {
+    const std::pair<const char*, int32_t> cases[] = {
+        {"y", 1},       {"Yes", 1},     {"10-4", 1},    {"youBetcha", 1},  {"SI", 1},         {"bodacious", 1},
+        {"of", 0},      {"Nein", 0},    {"0", 0},       {"NoWayMan", 0},   {"bogus", 0},      {"f", 0},
+        {"maybe", -9999}, {"", -9999},  {"ye s", -9999}, {"yess", -9999},  {nullptr, -9999}};
+    for (const auto& c : cases) EXPECT_EQ(c.second, nlYesNo(c.first, 1, 0)) << (c.first ? c.first : "null");
+}
+
+TEST(NlHexTextTest, Modes) {
+    std::string counting;
+    for (int i = 0; i < 40; ++i) counting.push_back(static_cast<char>(i));
+    const struct { std::string data; int32_t mode; std::string expected; } cases[] = {
+        {std::string("\xC1\xC2\x81\x40\x5A\x00", 6), 0, "ABa !."},
+        {"a\x01" "b\xFF", 1, "a.b."},
+        {"\x01\xAB", 2, "01AB"},
+        {counting, 3, "00010203 04050607 08090A0B 0C0D0E0F 10111213 14151617 18191A1B 1C1D1E1F \n20212223 24252627"},
+        {"abc", 4, "abc"},
+        {"ab\x01", 4, "616201"},
+        {"a\x01", 9, "a."},
+    };
+    for (const auto& c : cases) {
+        std::string out(nlHexTextSize(c.data.size()), '#');
+        size_t n = nlHexText(&out[0], c.data.data(), c.data.size(), c.mode);
+        EXPECT_EQ(c.expected, std::string(out.c_str(), n)) << "mode " << c.mode;
+        EXPECT_LT(n, out.size());
+    }
 }
 
 }  // namespace

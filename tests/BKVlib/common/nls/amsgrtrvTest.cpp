@@ -69,6 +69,14 @@ TEST_F(NlsRepositoryTest, FormatsMessagesInTranslationOrderWithSeverities) {
     const std::pair<uint16_t, uint8_t> cases[] = {{1, NL_SEV_I}, {2, NL_SEV_E}, {3, NL_SEV_W}, {5, NL_SEV_T},
                                                   {6, NL_SEV_K}, {7, NL_SEV_S}, {8, NL_SEV_L}, {999, NL_SEV_UNKNOWN}};
     for (const auto& c : cases) EXPECT_EQ(c.second, nlGetSeverity(c.first)) << c.first;
+    NlInserts found;
+    ASSERT_EQ(RC_OK, inserts(&found, 3, 42, "/etc/fstab"));  // reordered in the text, collected in argument order
+    EXPECT_EQ(3, found.messageType);
+    EXPECT_EQ(42, found.values[0].integer);
+    EXPECT_EQ("/etc/fstab", found.values[1].text);
+    EXPECT_EQ(4u + 11u, found.size);
+    EXPECT_EQ(RC_MSG_NOT_FOUND, inserts(&found, 4242));
+    EXPECT_EQ("?????", found.text);
 }
 
 TEST_F(NlsRepositoryTest, LanguageFallbacks) {
@@ -95,6 +103,10 @@ TEST_F(NlsRepositoryTest, LanguageFallbacks) {
     ASSERT_EQ(RC_OK, start(std::string(1300, 'q')));
     EXPECT_EQ(0u, nlsObject()->pendingText.find("KRN0102W Unable to open the message repository ???. "));
     EXPECT_EQ(kPlain, text(1));
+    ASSERT_EQ(RC_OK, start("de_DE"));
+    nlUseEnglishOnce();  // for one lookup only
+    EXPECT_EQ(kPlain, text(1));
+    EXPECT_EQ("KRN0001I Deutsch.", text(1));
 }
 
 TEST_F(NlsRepositoryTest, BareNameFoundOnPlatformSearchPath) {

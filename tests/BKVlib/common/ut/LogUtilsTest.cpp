@@ -2,10 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -14,11 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/TestFiles.h"
+#include "tests/BKVlib/common/ut/TraceTestUtil.h"
 
 namespace fs = std::filesystem;
-using testfiles::readFile;
-using testfiles::writeFile;
 
 namespace {
 
@@ -84,6 +78,29 @@ TEST(LogHeaderTest, ParsesWhatItFormatsAndRefusesBadNumbers) {
     EXPECT_EQ(400u, utParseLogHeader(header.data(), header.find('\n')).maxBytes);
 }
 
+TEST_F(LogFileTest, DatesInEachSettingFormatAndParseBack) {
+    struct tm when = {};
+    when.tm_year = 124, when.tm_mon = 1, when.tm_mday = 9, when.tm_hour = 14, when.tm_min = 5, when.tm_sec = 7;
+    const struct { int32_t setting; const char* date; char dateSep; const char* time; char timeSep; } cases[] = {
+        {1, "02/09/2024", '/', "14:05:07", ':'},   {2, "09-02-2024", '-', "14,05,07", ','},
+        {3, "2024-02-09", '-', "14.05.07", '.'},   {4, "09.02.2024", '.', "02:05:07PM", ':'},
+        {5, "2024.02.09", '.', "02:05:07PM", ':'}, {-1, "2024.02.09", '.', "02:05:07PM", ':'}};
+    char buf[64];
+    for (const auto& c : cases) {
+        utSetDateFormat(c.setting);
+        utSetTimeFormat(c.setting);
+        EXPECT_EQ(strlen(c.date), utFormatDate(&when, buf, sizeof(buf))) << c.setting;
+        EXPECT_STREQ(c.date, buf) << c.setting;
+        struct tm parsed = {};
+        ASSERT_EQ(0, utParseDate((std::string(buf) + " 14:05").c_str(), 10, &parsed)) << buf;
+        EXPECT_EQ(0, utDaysBetween(&when, &parsed)) << buf;
+        utFormatTime(&when, buf, sizeof(buf));
+        EXPECT_STREQ(c.time, buf) << c.setting;
+        EXPECT_EQ(std::string() + c.dateSep + c.timeSep, std::string() + utDateSeparator() + utTimeSeparator());
+    }
+    EXPECT_EQ(0u, utFormatTime(&when, buf, 5));
+}
+
 TEST_F(LogFileTest, ParsesOnlyRealDatesAndCountsDaysBetween) {
     utSetDateFormat(3);
     struct tm parsed;
@@ -128,6 +145,19 @@ TEST_F(LogFileTest, PruneCutsLinesUpToFirstEntryYoungerThanRetention) {
     EXPECT_EQ(ENOENT, log_.lastErrno);
 }
 
+TEST_F(LogFileTest, PlainLogIsPrunedWhenOpenedSavingOnlyInSaveMode) {
+    for (char mode : {kLogPruneSave, kLogPruneDiscard}) {
+        writeFile(path_, "2024-01-01 old\n2024-03-14 new\n");
+        fs::remove(dir_.file("pruned.log"));
+        utSetLogSettings(&log_, 0, "pruned.log", 30, mode, 0, 0);
+        ASSERT_EQ(0, utWrapFile(&log_, path_.c_str(), 0));
+        EXPECT_TRUE(fcntl(fileno(log_.stream), F_GETFD) & FD_CLOEXEC);
+        utCloseLog(&log_);
+        EXPECT_EQ("2024-03-14 new\n", readFile(path_)) << mode;
+        EXPECT_EQ(mode == kLogPruneSave ? "2024-01-01 old\n" : "", readFile(dir_.file("pruned.log"))) << mode;
+    }
+}
+
 TEST_F(LogFileTest, ConvertsPlainToWrappingAndBackKeepingEntries) {
     std::string plain;
     for (int i = 0; i < 5; ++i) plain += entry(i);
@@ -170,6 +200,22 @@ TEST_F(LogFileTest, EntryThatWouldCrossMaximumWrapsAndPadsToExactlyMaxBytes) {
                       text.substr(wrapAt)) << c.name;
         }
     }
+}
+
+TEST_F(LogFileTest, ChangedMaximumKeepsNewestEntries) {
+    writeLog(400, 0, 1, 500);  // an oversized entry is written whole
+    EXPECT_NE(std::string::npos, readFile(path_).find(entry(0, 500)));
+    writeLog(400, 1, 20);
+    EXPECT_EQ(400u, fs::file_size(path_));
+    fs::remove(path_);
+    writeLog(600, 0, 3);
+    std::string before = readFile(path_);
+    writeLog(900, 3, 0);  // a larger maximum is recorded in place
+    EXPECT_EQ(before.substr(0, 25) + "900       " + before.substr(35), readFile(path_));
+    writeLog(3000, 0, 50);
+    writeLog(600, 50, 20);
+    EXPECT_EQ(600u, fs::file_size(path_));
+    expectPlainWithNewest(70);
 }
 
 TEST_F(LogFileTest, DamagedHeaderOrUnopenablePathLeavesEverythingAsItWas) {
@@ -226,24 +272,15 @@ int runFullCase(const FullCase& c, const std::string& dir) {
 }
 
 TEST_F(LogFileTest, FullFileSystemDuringConversionLeavesLogAsItWas) {
-    // The agent's own case: a wrapping log at the path of its plain one.
-    const FullCase cases[] = {{"wrapping to plain", 40000, 0, kLogKeepForever, -1}};
+    const FullCase cases[] = {{"plain to wrapping", 0, 2000, kLogKeepForever, -1},
+                              {"wrapping to plain", 40000, 0, kLogKeepForever, -1},
+                              {"prune", 0, 0, 30, 0}};
     for (const FullCase& c : cases) {
         std::string dir = dir_.file("tmpfs");
         fs::create_directories(dir);
-        pid_t pid = fork();
-        if (pid == 0) {
-            if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=128k") != 0) {
-                _exit(77);
-            }
-            _exit(runFullCase(c, dir));
-        }
-        int status = 0;
-        ASSERT_EQ(pid, waitpid(pid, &status, 0));
-        ASSERT_TRUE(WIFEXITED(status)) << c.name;
-        if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "private mount namespace with tmpfs refused (needs root)";
-        EXPECT_EQ(0, WEXITSTATUS(status)) << c.name;
+        int rc = runInChild([&] { return runFullCase(c, dir); }, dir, "size=128k");
+        if (rc == 77) GTEST_SKIP() << "private mount namespace with tmpfs refused (needs root)";
+        EXPECT_EQ(0, rc) << c.name;
     }
 }
 

@@ -96,23 +96,32 @@ TEST_F(TraceFileTest, LongAndWideRecordsAreWrittenWholeAndKeepErrno) {
     EXPECT_EQ(longText + "\nwide 42\n", body());
 }
 
-// The calls the agent makes that reach the file, on a wrapping file where every record
-// write clears errno on its way.
+// The calls that reach a file or standard output, on a wrapping file where every
+// record write clears errno on its way.
 TEST_F(TraceFileTest, EntryPointsOnAWrappingFileKeepErrno) {
+    char buffer[TR_QUERY_BUFFER_SIZE];
     const struct { const char* name; std::function<void()> call; } calls[] = {
+        {"trLogEnabledClasses", [] { trLogEnabledClasses(); }},
+        {"trQuery to stdout", [] { trQuery(TR_QUERY_ALL, nullptr); }},
+        {"trQuery to buffer", [&buffer] { trQuery(TR_QUERY_ENABLED, buffer); }},
+        {"trShowTables", [] { trShowTables(); }},
         {"trRawPrintf", [] { trRawPrintf("raw %d\n", 1); }},
+        {"trDumpHex", [] { trDumpHex("ab", 2, 0); }},
         {"trSetMaxMB", [] { trSetMaxMB(1); }},
+        {"trSetFileName", [] { trSetFileName("/nonexistent-dir/x.trc"); }},
         {"trEnd", [] { trEnd(1); }},
         {"trTerminate", [] { trTerminate(); }},
     };
     trSetMaxMB(1);
     trSetLibFlags("PID", 0);
     ASSERT_EQ(0, trBegin(dir_.file("wrap.trc").c_str(), 0));
+    testing::internal::CaptureStdout();
     for (const auto& c : calls) {
         errno = 4321;
         c.call();
         EXPECT_EQ(4321, errno) << c.name;
     }
+    testing::internal::GetCapturedStdout();
 }
 
 TEST_F(TraceFileTest, BadNamesAndUnusableDirectoriesAreRefused) {

@@ -3,11 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <functional>
@@ -137,6 +133,65 @@ TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
     }
 }
 
+TEST_F(TraceWrapTest, SegmentsFillInTurnAndRestartEachFileAnew) {
+    beginBare(3, 2);  // two segments: 2 MB, then the 1 MB remainder
+    const std::string record(999, 's');
+    const std::string one = path_ + ".1", two = path_ + ".2";
+    for (int i = 0; i < 2100; ++i) put(record);
+    std::string first = readFile(one), second = readFile(two);
+    EXPECT_THAT(first, HasSubstr("\nContinued at beginning of segment 2\n\n"));
+    EXPECT_LE(first.size(), 2 * kMiB);
+    EXPECT_EQ("Continued from end of segment 1\n\n", second.substr(second.find('\n') + 2, 33));
+    EXPECT_THAT(second, HasSubstr("Tracing to file: " + two + "\n"));
+    EXPECT_EQ("3          ZOR", second.substr(24, 14));
+
+    for (int i = 0; i < 1100; ++i) put(record);
+    first = readFile(one);
+    second = readFile(two);
+    EXPECT_THAT(second, HasSubstr("\nContinued at beginning of segment 1\n\n"));
+    EXPECT_LE(second.size(), kMiB);
+    EXPECT_EQ("Continued from end of segment 2\n\n", first.substr(first.find('\n') + 2, 33));
+    EXPECT_THAT(first, Not(HasSubstr("Continued at beginning of segment 2")));
+    EXPECT_NE(0, access(path_.c_str(), F_OK));
+}
+
+// Writers in separate processes share one wrapping file, each starting, writing and
+// closing it at the same time as the others: no record of any of them is lost.
+TEST_F(TraceWrapTest, ProcessesSharingTheFileKeepEveryRecord) {
+    constexpr int kWriters = 6;
+    constexpr int kRecords = 300;
+    unlink(path_.c_str());
+    std::vector<pid_t> children;
+    for (int w = 0; w < kWriters; ++w) {
+        pid_t child = fork();
+        if (child == 0) {
+            resetTrace();
+            trSetMaxMB(1);
+            if (trBegin(path_.c_str(), 0) != 0) _exit(1);
+            trSetLibFlags("-TIMESTAMP -PREFIX", 0);
+            for (int i = 0; i < kRecords; ++i) trPrintf("f", 1, "writer %d record %d %s\n", w, i, std::string(80, 'r').c_str());
+            trEnd(1);
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    for (pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    std::string text = readFile(path_);
+    EXPECT_EQ(static_cast<size_t>(kWriters), countOf(text, "BEGINNING NEW TRACE\n"));
+    for (int w = 0; w < kWriters; ++w) {
+        for (int i = 0; i < kRecords; ++i) {
+            std::string record = "writer " + std::to_string(w) + " record " + std::to_string(i) + " ";
+            ASSERT_EQ(1u, countOf(text, record)) << record;
+        }
+    }
+    EXPECT_EQ(1u, countOf(text, "END OF DATA - close"));
+    EXPECT_EQ("\nEND OF DATA - close\n\n", text.substr(recordedOffset(text), 22));
+}
+
 // Runs in a child with a 64 KB tmpfs at mountPoint; 0 when every kind of trace
 // was switched off by the full disk and errno stayed as it was.
 int fillTinyDisk(const std::string& mountPoint) {
@@ -164,23 +219,12 @@ int fillTinyDisk(const std::string& mountPoint) {
 TEST_F(TraceWrapTest, FullDiskSwitchesTracingOff) {
     std::string mountPoint = dir_.file("mnt"), output = dir_.file("stdout.txt");
     mkdir(mountPoint.c_str(), 0700);
-    fflush(stdout);
-    pid_t child = fork();
-    if (child == 0) {
-        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
-            _exit(77);
-        }
+    int rc = runInChild([&] {
         dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-        int rc = fillTinyDisk(mountPoint);
-        fflush(stdout);
-        _exit(rc);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "a private mount namespace with a tmpfs was refused";
-    EXPECT_EQ(0, WEXITSTATUS(status));
+        return fillTinyDisk(mountPoint);
+    }, mountPoint, "size=64k");
+    if (rc == 77) GTEST_SKIP() << "a private mount namespace with a tmpfs was refused";
+    EXPECT_EQ(0, rc);
     std::string said = readFile(output), prefix = "Unable to write to trace file " + mountPoint;
     EXPECT_THAT(said, HasSubstr(prefix + "/plain.trc. Tracing disabled.\n"));
     EXPECT_THAT(said, HasSubstr(prefix + "/wrap.trc. Tracing disabled.\n"));

@@ -1,0 +1,92 @@
+// The signal policy, exercised in forked children so the test process keeps its
+// own signal dispositions: the shutdown wait and SIGUSR1 ending one thread.
+#include "BKVlib/common/unx/linux86/psunxthr.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <string>
+
+#include "BKVlib/common/unx/psthread.h"
+#include "tests/BKVlib/common/ut/TraceTestUtil.h"
+
+using ::testing::HasSubstr;
+
+namespace {
+
+class PsUnxThrTest : public ::testing::Test {
+protected:
+    // Runs body in a child tracing THREAD and ERROR to path_; returns its exit code.
+    int runTraced(const std::function<int()>& body) {
+        return runInChild([&] {
+            resetTrace();
+            trSetLibFlags("THREAD ERROR -TIMESTAMP -PREFIX", 0);
+            trBegin(path_.c_str(), 0);
+            int rc = body();
+            trEnd(1);
+            return rc;
+        });
+    }
+    TempDir dir_;
+    std::string path_ = dir_.file("signals.trc");
+};
+
+TEST_F(PsUnxThrTest, ShutdownSignalEndsTheWait) {
+    const std::pair<int, const char*> cases[] = {  // signal 0: the process asks for its own shutdown
+        {SIGINT, "YRRO shutting down, signal SIGINT (2) \n"}, {0, "YRRO shutting down, signal SIGTERM (15) \n"}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(0, runTraced([&] {
+            PsSignalSets sets;
+            if (psSetupSignals(&sets) != 0) return 3;
+            psSetMultiThreaded(1);
+            if ((c.first ? kill(getpid(), c.first) : psRequestShutdown(1)) != 0) return 4;
+            return psWaitShutdown(&sets) == 0 && psShutdownBegun() ? 0 : 5;
+        })) << c.second;
+        std::string text = readFile(path_);
+        EXPECT_THAT(text, HasSubstr("psWaitShutdown: sigwait returned(0), reason(Success)")) << c.second;
+        EXPECT_THAT(text, HasSubstr(c.second));
+        unlink(path_.c_str());
+    }
+}
+
+std::atomic<bool> gFirstRunning{false}, gStopSecond{false};
+std::atomic<long> gSecondTicks{0};
+
+pthread_t startJoinable(void* (*start)(void*)) {
+    pthread_t thread{};
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    PsThreadStartRec record = {&thread, &attr, start, nullptr, -1, 0};
+    if (psThreadStart(&record, "worker") != 0) _exit(10);
+    pthread_attr_destroy(&attr);
+    return thread;
+}
+
+TEST_F(PsUnxThrTest, Sigusr1EndsOnlyTheSignalledThread) {
+    EXPECT_EQ(0, runTraced([] {
+        PsSignalSets sets;
+        psSetupSignals(&sets);
+        pthread_t first = startJoinable([](void*) -> void* {
+            gFirstRunning = true;  // from here on it holds no lock the signal could leave taken
+            for (;;) pause();
+        });
+        pthread_t second = startJoinable([](void*) -> void* {
+            for (; !gStopSecond; ++gSecondTicks) psThreadDelay(1);
+            return nullptr;
+        });
+        while (!gFirstRunning) psThreadDelay(1);
+        if (psSignalThread(first, SIGUSR1) != 0) return 11;
+        pthread_join(first, nullptr);
+        for (long before = gSecondTicks; gSecondTicks < before + 5;) psThreadDelay(1);
+        gStopSecond = true;
+        pthread_join(second, nullptr);
+        return 0;
+    }));
+    EXPECT_THAT(readFile(path_), testing::ContainsRegex("Unknown thread 0x[0-9a-f]+ terminating on signal 10\n"));
+}
+
+}  // namespace

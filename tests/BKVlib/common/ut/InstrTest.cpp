@@ -1,0 +1,112 @@
+#include "BKVlib/common/ut/instr.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "BKVlib/common/ut/ReturnCodes.h"
+#include "gtest/gtest.h"
+#include "tests/support/TestFiles.h"
+
+namespace {
+
+void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+std::string tid() { return std::to_string(syscall(SYS_gettid)); }
+
+// One section line of the report: seconds, average milliseconds and uses; all -1 when absent.
+struct Section { double seconds = -1, averageMs = -1; long uses = -1; };
+Section section(const std::string& text, const std::string& name) {
+    std::smatch m;
+    const std::regex line("\n" + name + std::string(25 - name.size(), ' ') +
+                          R"(\s*([0-9.]+)\t\s*([0-9.]+)\t\t\t\s*([0-9]+)\n)");
+    if (!std::regex_search(text, m, line)) return {};
+    return {std::stod(m[1]), std::stod(m[2]), std::stol(m[3])};
+}
+
+class InstrTest : public ::testing::Test {
+protected:
+    void SetUp() override { report_ = instrReportFileName(log_.c_str(), static_cast<int32_t>(getpid())); }
+    void TearDown() override { instrTerminate(); }
+    testfiles::TempDir dir_;
+    std::string log_ = dir_.file("agent.log");
+    std::string report_;
+};
+
+TEST_F(InstrTest, ReportChargesTimeToCategoryOnTop) {
+    ASSERT_EQ(RC_OK, instrInit(log_.c_str(), INSTR_CLIENT_DETAIL | INSTR_DB_OPS, 0));
+    instrStart(INSTR_CLIENT_DETAIL);
+    instrBegin(INSTR_FILE_IO);
+    sleepMs(60);
+    instrBegin(INSTR_COMPRESSION);  // suspends File I/O
+    sleepMs(30);
+    instrEnd(INSTR_COMPRESSION);
+    sleepMs(20);
+    instrEnd(INSTR_FILE_IO);
+    instrBegin(INSTR_COMPRESSION);
+    sleepMs(30);
+    instrReplace(INSTR_CRC);
+    sleepMs(10);
+    instrEnd(INSTR_CRC);
+    instrBegin(INSTR_DB_QUERY);  // its class was never started
+    instrEnd(INSTR_DB_QUERY);
+    instrComment("checkpoint reached");
+    instrStop(INSTR_CLIENT_DETAIL);
+
+    const std::string text = testfiles::readFile(report_);
+    const std::string bar(23, '='), banner = bar + "> C O M M E N C E  N E W  R E P O R T <" + bar + "\n";
+    EXPECT_EQ(0u, text.find("\n\n" + banner + banner + "\n"));
+    for (const char* line : {"\nSection                  Actual(sec)\t\tAverage(msec)\tFrequency used\n",
+                             "\ncheckpoint reached\n", "\nCompletion status: Success\n",
+                             "\nInstrumentation class: Client detail\n"}) {
+        EXPECT_NE(text.npos, text.find(line)) << line << text;
+    }
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(text, m, std::regex("\nThread: " + tid() + R"(  Elapsed time = \s*([0-9.]+) sec\n)")));
+    EXPECT_GE(std::stod(m[1]), 0.150);
+    const struct { const char* name; double seconds; long uses; } expected[] = {
+        {"File I/O", 0.080, 1}, {"Compression", 0.060, 2}, {"CRC", 0.010, 1}, {"Other", 0, 1}, {"DB Query", -1, -1}};
+    for (const auto& e : expected) {
+        const Section s = section(text, e.name);
+        EXPECT_EQ(e.uses, s.uses) << e.name << "\n" << text;
+        EXPECT_GE(s.seconds, e.seconds - 0.0005) << e.name;
+        EXPECT_LT(s.seconds, e.seconds + 0.25) << e.name;
+        if (e.uses > 0) {
+            EXPECT_NEAR(s.seconds * 1000 / s.uses, s.averageMs, 0.6) << e.name;  // printed rounded
+        }
+    }
+}
+
+TEST_F(InstrTest, MisuseSuspendsEngineWithReport) {
+    const std::string suspends = "Instrumentation engine suspends operation.\n";
+    // begins: File I/O, CRC, then Compression repeated.
+    const struct { int begins; InstrCategory ended; std::string error, status; } cases[] = {
+        {INSTR_STACK_DEPTH, INSTR_OTHER,
+         "ERROR: Stack overflow detected, Thread: %d, category being entered: Compression\n" + suspends,
+         "Stack overflow"},
+        {2, INSTR_FILE_IO, "ERROR: Invalid category detected, Thread: %d, category being ended: File I/O\n"
+                           "Current category is: CRC\n" + suspends, "Invalid category end call"},
+    };
+    for (const auto& c : cases) {
+        std::remove(report_.c_str());
+        ASSERT_EQ(RC_OK, instrInit(log_.c_str(), INSTR_CLIENT_DETAIL, 0));
+        instrStart(INSTR_CLIENT_DETAIL);
+        for (int i = 0; i < c.begins; ++i) instrBegin(i == 0 ? INSTR_FILE_IO : i == 1 ? INSTR_CRC : INSTR_COMPRESSION);
+        if (c.ended != INSTR_OTHER) instrEnd(c.ended);
+        instrBegin(INSTR_SLEEP);  // ignored once suspended
+        instrEnd(INSTR_SLEEP);
+        instrStop(INSTR_CLIENT_DETAIL);
+        std::string error = c.error;
+        error.replace(error.find("%d"), 2, tid());
+        const std::string text = testfiles::readFile(report_);
+        EXPECT_NE(std::string::npos, text.find(error)) << text;
+        EXPECT_NE(std::string::npos, text.find("\nCompletion status: " + c.status + "\n")) << text;
+        EXPECT_EQ(-1, section(text, "Sleep").uses) << text;
+    }
+}
+
+}  // namespace
