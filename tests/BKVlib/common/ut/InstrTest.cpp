@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
+#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -28,36 +28,36 @@ Section section(const std::string& text, const std::string& name) {
     return {std::stod(m[1]), std::stod(m[2]), std::stol(m[3])};
 }
 
-class InstrTest : public ::testing::Test {
-protected:
-    void SetUp() override { report_ = instrReportFileName(log_.c_str(), static_cast<int32_t>(getpid())); }
-    void TearDown() override { instrTerminate(); }
-    testfiles::TempDir dir_;
-    std::string log_ = dir_.file("agent.log");
-    std::string report_;
-};
-
-TEST_F(InstrTest, ReportChargesTimeToCategoryOnTop) {
-    ASSERT_EQ(RC_OK, instrInit(log_.c_str(), INSTR_CLIENT_DETAIL | INSTR_DB_OPS, 0));
+// Runs calls between the start and stop of the client-detail class; returns the report.
+std::string report(const std::function<void()>& calls, int32_t classes = INSTR_CLIENT_DETAIL) {
+    testfiles::TempDir dir;
+    const std::string log = dir.file("agent.log");
+    if (instrInit(log.c_str(), classes, 0) != RC_OK) return "instrInit failed";
     instrStart(INSTR_CLIENT_DETAIL);
-    instrBegin(INSTR_FILE_IO);
-    sleepMs(60);
-    instrBegin(INSTR_COMPRESSION);  // suspends File I/O
-    sleepMs(30);
-    instrEnd(INSTR_COMPRESSION);
-    sleepMs(20);
-    instrEnd(INSTR_FILE_IO);
-    instrBegin(INSTR_COMPRESSION);
-    sleepMs(30);
-    instrReplace(INSTR_CRC);
-    sleepMs(10);
-    instrEnd(INSTR_CRC);
-    instrBegin(INSTR_DB_QUERY);  // its class was never started
-    instrEnd(INSTR_DB_QUERY);
-    instrComment("checkpoint reached");
+    calls();
     instrStop(INSTR_CLIENT_DETAIL);
+    instrTerminate();
+    return testfiles::readFile(instrReportFileName(log.c_str(), static_cast<int32_t>(getpid())));
+}
 
-    const std::string text = testfiles::readFile(report_);
+TEST(InstrTest, ReportChargesTimeToCategoryOnTop) {
+    const std::string text = report([] {
+        instrBegin(INSTR_FILE_IO);
+        sleepMs(60);
+        instrBegin(INSTR_COMPRESSION);  // suspends File I/O
+        sleepMs(30);
+        instrEnd(INSTR_COMPRESSION);
+        sleepMs(20);
+        instrEnd(INSTR_FILE_IO);
+        instrBegin(INSTR_COMPRESSION);
+        sleepMs(30);
+        instrReplace(INSTR_CRC);
+        sleepMs(10);
+        instrEnd(INSTR_CRC);
+        instrBegin(INSTR_DB_QUERY);  // its class was never started
+        instrEnd(INSTR_DB_QUERY);
+        instrComment("checkpoint reached");
+    }, INSTR_CLIENT_DETAIL | INSTR_DB_OPS);
     const std::string bar(23, '='), banner = bar + "> C O M M E N C E  N E W  R E P O R T <" + bar + "\n";
     EXPECT_EQ(0u, text.find("\n\n" + banner + banner + "\n"));
     for (const char* line : {"\nSection                  Actual(sec)\t\tAverage(msec)\tFrequency used\n",
@@ -81,7 +81,7 @@ TEST_F(InstrTest, ReportChargesTimeToCategoryOnTop) {
     }
 }
 
-TEST_F(InstrTest, MisuseSuspendsEngineWithReport) {
+TEST(InstrTest, MisuseSuspendsEngineWithReport) {
     const std::string suspends = "Instrumentation engine suspends operation.\n";
     // begins: File I/O, CRC, then Compression repeated.
     const struct { int begins; InstrCategory ended; std::string error, status; } cases[] = {
@@ -92,17 +92,14 @@ TEST_F(InstrTest, MisuseSuspendsEngineWithReport) {
                            "Current category is: CRC\n" + suspends, "Invalid category end call"},
     };
     for (const auto& c : cases) {
-        std::remove(report_.c_str());
-        ASSERT_EQ(RC_OK, instrInit(log_.c_str(), INSTR_CLIENT_DETAIL, 0));
-        instrStart(INSTR_CLIENT_DETAIL);
-        for (int i = 0; i < c.begins; ++i) instrBegin(i == 0 ? INSTR_FILE_IO : i == 1 ? INSTR_CRC : INSTR_COMPRESSION);
-        if (c.ended != INSTR_OTHER) instrEnd(c.ended);
-        instrBegin(INSTR_SLEEP);  // ignored once suspended
-        instrEnd(INSTR_SLEEP);
-        instrStop(INSTR_CLIENT_DETAIL);
+        const std::string text = report([&c] {
+            for (int i = 0; i < c.begins; ++i) instrBegin(i == 0 ? INSTR_FILE_IO : i == 1 ? INSTR_CRC : INSTR_COMPRESSION);
+            if (c.ended != INSTR_OTHER) instrEnd(c.ended);
+            instrBegin(INSTR_SLEEP);  // ignored once suspended
+            instrEnd(INSTR_SLEEP);
+        });
         std::string error = c.error;
         error.replace(error.find("%d"), 2, tid());
-        const std::string text = testfiles::readFile(report_);
         EXPECT_NE(std::string::npos, text.find(error)) << text;
         EXPECT_NE(std::string::npos, text.find("\nCompletion status: " + c.status + "\n")) << text;
         EXPECT_EQ(-1, section(text, "Sleep").uses) << text;
