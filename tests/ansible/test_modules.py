@@ -90,40 +90,27 @@ class TopologyTest(ModuleRun):
 
     def test_failures_say_why(self):
         cases = [
-            (result_lists(refused=[{'map': 'mpatha', 'reason': 'last usable path'}]), 1, '',
+            # the call answered, its output, exit status and error text, then what the message says
+            ('change', result_lists(refused=[{'map': 'mpatha', 'reason': 'last usable path'}]), 1, '',
              ['refused', 'mpatha: last usable path', 'set force']),
-            (result_lists(changed=['sdb'], failed=[{'device': 'sdc', 'map': 'mpatha', 'reason': 'multipathd: fail'}]),
+            ('change', result_lists(changed=['sdb'], failed=[{'device': 'sdc', 'map': 'mpatha', 'reason': 'multipathd: fail'}]),
              1, 'PathPlannerTopology: 1 of 2 paths did not change\n',
              ['failed: sdc (mpatha): multipathd: fail', '1 of 2 paths did not change']),
-            ('', 2, 'PathPlannerTopology: no adapter port has the WWPN 10000000c95a3b10\n',
+            ('change', '', 2, 'PathPlannerTopology: no adapter port has the WWPN 10000000c95a3b10\n',
              ['exited with 2', 'no adapter port has the WWPN']),
-            ('not json', 0, '', ['output is not JSON']),
+            ('change', 'not json', 0, '', ['output is not JSON']),
+            ('json', '', 1, 'PathPlannerTopology: no device-mapper multipath driver\n', ['no device-mapper multipath driver']),
+            ('json', '[]', 0, '', ['expected a version 2 topology object']),
         ]
-        for out_text, status, err, expected in cases:
-            with self.subTest(err=err, status=status):
-                self.answer('change', out_text, status, err)
-                out = self.run_module('pathplanner_topology', state='offline', wwpn=WWPN)
+        for kind, out_text, status, err, expected in cases:
+            with self.subTest(kind=kind, err=err, status=status):
+                self.answer(kind, out_text, status, err)
+                params = {'state': 'offline', 'wwpn': WWPN} if kind == 'change' else {}
+                out = self.run_module('pathplanner_topology', **params)
                 self.assertTrue(out['failed'])
                 for text in expected:
                     self.assertIn(text, out['msg'])
                 self.assertNotIn('ansible_facts', out)
-
-    def test_unreadable_topology_fails_a_read(self):
-        for out_text, status, err, expected in [
-            ('', 1, 'PathPlannerTopology: no device-mapper multipath driver\n', 'no device-mapper multipath driver'),
-            ('[]', 0, '', 'expected a version 2 topology object'),
-        ]:
-            with self.subTest(expected=expected):
-                self.answer('json', out_text, status, err)
-                out = self.run_module('pathplanner_topology')
-                self.assertTrue(out['failed'])
-                self.assertIn(expected, out['msg'])
-
-    def test_state_needs_wwpn(self):
-        out = self.run_module('pathplanner_topology', state='offline')
-        self.assertTrue(out['failed'])
-        self.assertIn('wwpn', out['msg'])
-        self.assertEqual(self.calls(), [])
 
 
 sys.path.insert(0, os.path.join(COLLECTIONS, 'ansible_collections', 'zor', 'pathplanner', 'plugins', 'module_utils'))
@@ -145,26 +132,25 @@ class LogSnapshotTest(unittest.TestCase):
             ('log rotated away', {'multipath.log': old + old}, {'multipath.log': 'd t A\n'}, ['d t A']),
             ('other files ignored', {}, {'multipath.trace': 'x\n', 'multipath_1.log': 'y\n', 'multipath.log.1': 'z\n'}, []),
         ]
+        def write(log_dir, files):
+            for file, text in files.items():
+                with open(os.path.join(log_dir, file), 'w') as f:
+                    f.write(text)
         for name, before, after, expected in cases:
             with self.subTest(name):
                 log_dir = tempfile.mkdtemp()
                 self.addCleanup(shutil.rmtree, log_dir)
-                for file, text in before.items():
-                    with open(os.path.join(log_dir, file), 'w') as f:
-                        f.write(text)
+                write(log_dir, before)
                 snapshot = pathplanner_common.LogSnapshot(log_dir)
-                for file, text in after.items():
-                    with open(os.path.join(log_dir, file), 'w') as f:
-                        f.write(text)
+                write(log_dir, after)
                 self.assertEqual(snapshot.new_entries(), expected)
 
     def test_failure_reasons(self):
         start, finish = 'd t AGT0429I PathPlanner started', 'd t AGT0430I PathPlanner finished with return code 172.'
-        self.assertEqual(pathplanner_common.problem_entries([start, 'd t AGT0454I cannot set', finish]),
-                         ['AGT0454I cannot set'])
-        self.assertEqual(pathplanner_common.problem_entries([start, 'd t AGT0458I x', 'd t AGT0453E no', finish]),
-                         ['AGT0453E no'])
-        self.assertEqual(pathplanner_common.problem_entries([start, finish]), [])
+        cases = [(['d t AGT0454I cannot set'], ['AGT0454I cannot set']),
+                 (['d t AGT0458I x', 'd t AGT0453E no'], ['AGT0453E no']), ([], [])]
+        for between, expected in cases:
+            self.assertEqual(pathplanner_common.problem_entries([start] + between + [finish]), expected)
 
 
 class PlannerCheckModeTest(ModuleRun):
@@ -195,16 +181,18 @@ class PlannerCheckModeTest(ModuleRun):
 
     def test_bad_requests_run_nothing(self):
         cases = [
-            ({'action': 'policy', 'policy': 'failover'}, 'needs devices'),
-            ({'action': 'policy', 'policy': 'failover', 'devices': ['a;5']}, 'without ";"'),
-            ({'action': 'path_state', 'state': 'offline', 'device': 'd'}, 'wwpns'),
-            ({'action': 'path_state', 'state': 'offline', 'device': 'd', 'wwpns': ['']}, 'non-empty'),
+            ('pathplanner_topology', {'state': 'offline'}, 'wwpn'),
+            ('pathplanner', {'action': 'policy', 'policy': 'failover'}, 'needs devices'),
+            ('pathplanner', {'action': 'policy', 'policy': 'failover', 'devices': ['a;5']}, 'without ";"'),
+            ('pathplanner', {'action': 'path_state', 'state': 'offline', 'device': 'd'}, 'wwpns'),
+            ('pathplanner', {'action': 'path_state', 'state': 'offline', 'device': 'd', 'wwpns': ['']}, 'non-empty'),
         ]
-        for params, expected in cases:
-            with self.subTest(params=params):
-                out = self.run_module('pathplanner', check_mode=True, **params)
+        for module, params, expected in cases:
+            with self.subTest(module=module, params=params):
+                out = self.run_module(module, check_mode=module == 'pathplanner', **params)
                 self.assertTrue(out['failed'])
                 self.assertIn(expected, out['msg'])
+                self.assertEqual(self.calls(), [])
 
 
 if __name__ == '__main__':

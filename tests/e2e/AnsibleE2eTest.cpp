@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "gmock/gmock.h"
-#include "tests/e2e/NamespaceHarness.h"
+#include "tests/e2e/E2eHosts.h"
 
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -30,113 +30,67 @@ protected:
     }
 };
 
-enum class Driver { kNone, kDm, kVendor };
-
-// The probes and commands of each driver, as ActionsE2eTest fakes them; the
-// commands that change something exit with setStatus.
-void installDriver(NamespaceHarness* host, Driver driver, int setStatus) {
-    const std::string status = std::to_string(setStatus);
-    std::string rpm = "case \"$*\" in\n";
-    rpm += driver == Driver::kVendor ? "  '-q ZORzpl') echo ZORzpl-1.6.2.0-1 ;;\n"
-                                     : "  '-q ZORzpl') echo 'package ZORzpl is not installed'; exit 1 ;;\n";
-    rpm += driver == Driver::kDm ? "  -qa) echo device-mapper-multipath-0.4.9-123 ;;\n  *) echo \"$2\" ;;\n"
-                                 : "  -qa) ;;\n  *) echo \"package $2 is not installed\"; exit 1 ;;\n";
-    host->addFakeTool("rpm", rpm + "esac");
-    host->addFakeTool("lunctl", "case \"$1\" in\n  query) cat '" PP_TESTS_ROOT
-                                "/Multipath/data/lunctl-query-'\"$2\"'.txt' ;;\n  set) exit " + status + " ;;\nesac");
-    if (driver == Driver::kDm) {
-        host->addFakeTool("multipath", "echo 'policy error' >&2\nexit " + status);
-    } else {
-        host->hideSbinTool("multipath");
-    }
-}
-
 // ansible-playbook with the collection from the source tree and its own files
 // kept under the harness's temporary tree.
 RunResult runPlaybook(NamespaceHarness* host, const std::string& extraVars, bool checkMode = false,
                       const std::string& playbook = kPlaybook) {
     const std::string home = host->makeHostDir("ansible-home");
-    std::vector<std::string> args = {"ANSIBLE_COLLECTIONS_PATH=" PP_SOURCE_DIR "/contrib/ansible",
-                                     "ANSIBLE_HOME=" + home,
-                                     "ANSIBLE_LOCAL_TEMP=" + home + "/tmp",
-                                     "ANSIBLE_REMOTE_TEMP=" + home + "/remote",
-                                     "ANSIBLE_NOCOLOR=1",
-                                     "PYTHONDONTWRITEBYTECODE=1",
-                                     // In a sanitizer build, the leak check cannot read the
-                                     // tool's /proc entry from under the module's process
-                                     // (it fails the run); the other end-to-end tests check leaks.
-                                     "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0",
-                                     "/usr/bin/ansible-playbook",
-                                     "-i",
-                                     "localhost,",
-                                     "-c",
-                                     "local",
-                                     "-e",
-                                     "ansible_python_interpreter=/usr/bin/python3",
-                                     "-e",
-                                     extraVars,
-                                     playbook};
+    // In a sanitizer build, the leak check cannot read the tool's /proc entry from under
+    // the module's process (it fails the run); the other end-to-end tests check leaks.
+    std::vector<std::string> args = {
+        "ANSIBLE_COLLECTIONS_PATH=" PP_SOURCE_DIR "/contrib/ansible", "ANSIBLE_HOME=" + home,
+        "ANSIBLE_LOCAL_TEMP=" + home + "/tmp", "ANSIBLE_REMOTE_TEMP=" + home + "/remote", "ANSIBLE_NOCOLOR=1",
+        "PYTHONDONTWRITEBYTECODE=1", "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0",
+        "/usr/bin/ansible-playbook", "-i", "localhost,", "-c", "local", "-e",
+        "ansible_python_interpreter=/usr/bin/python3", "-e", extraVars, playbook};
     if (checkMode) args.push_back("--check");
     return host->run(args, "/usr/bin/env");
 }
 
 TEST_F(AnsibleE2eTest, EachOutcomeReachesThePlay) {
     const struct {
-        Driver driver;
+        bool vendor, dm;
         int setStatus;
         const char* vars;  // req: module options; expect: what the play must see
     } cases[] = {
-        {Driver::kDm, 0,
+        {false, true, 0,
          R"({"req": {"action": "policy", "policy": "round_robin", "devices": ["mpatha"]},
              "expect": {"rc": 0, "changed": true, "failed": false, "meaning": "success",
                         "message": "AGT0458I Setting the path-selection policy Round Robin on the devices: mpatha"}})"},
-        {Driver::kVendor, 0,
+        {true, false, 0,
          R"({"req": {"action": "path_state", "state": "offline", "device": "lundev1", "wwpns": ["10000000c95a3b10"]},
              "expect": {"rc": 0, "changed": true, "failed": false, "message": "finished with return code 0"}})"},
         // By design the device-mapper driver changes nothing on this request.
-        {Driver::kDm, 0,
+        {false, true, 0,
          R"({"req": {"action": "path_state", "state": "offline", "device": "mpatha", "wwpns": ["10000000c95a3b10"]},
              "expect": {"rc": 0, "changed": false, "failed": false, "warning": "device-mapper driver leaves path states"}})"},
-        {Driver::kNone, 0,
+        {false, false, 0,
          R"({"req": {"action": "policy", "policy": "failover", "devices": ["lundev0"]},
              "expect": {"rc": 169, "changed": false, "failed": true, "meaning": "no multipath driver",
                         "msg": "AGT0456E No multipath driver was found"}})"},
-        {Driver::kVendor, 0,
+        {true, false, 0,
          R"({"req": {"action": "policy", "policy": "load_balancing", "devices": ["nodev"]},
              "expect": {"rc": 170, "changed": false, "failed": true, "meaning": "vendor device unknown",
                         "msg": "AGT0452E The multipath driver does not know the device nodev"}})"},
-        {Driver::kDm, 0,
+        {false, true, 0,
          R"({"req": {"action": "policy", "policy": "failover", "devices": ["mpatha"]},
              "expect": {"rc": 172, "changed": false, "failed": true, "meaning": "not supported by the device-mapper",
                         "msg": "AGT0454I The multipath driver in use cannot set the requested policy"}})"},
-        {Driver::kVendor, 2,
+        {true, false, 2,
          R"({"req": {"action": "policy", "policy": "round_robin", "devices": ["lundev0"]},
              "expect": {"rc": 173, "changed": false, "failed": true, "meaning": "driver command failed",
                         "msg": "AGT0453E The multipath driver could not change the device lundev0"}})"},
         // Any log limit switches the tool to the numbered log series.
-        {Driver::kVendor, 0,
+        {true, false, 0,
          R"({"req": {"action": "policy", "policy": "failover", "devices": ["lundev0"], "log_limits": {"max_num_logs": 3}},
              "expect": {"rc": 0, "changed": true, "failed": false, "message": "Failover on the devices: lundev0"}})"},
     };
     for (const auto& c : cases) {
         NamespaceHarness host;
-        installDriver(&host, c.driver, c.setStatus);
+        installDrivers(&host, c.vendor, c.dm, c.setStatus);
         RunResult r = runPlaybook(&host, c.vars);
         EXPECT_EQ(0, r.exitStatus) << c.vars << "\n" << r.describe();
     }
-}
-
-TEST_F(AnsibleE2eTest, CheckModeRunsNothing) {
-    NamespaceHarness host;
-    installDriver(&host, Driver::kVendor, 0);
-    RunResult r = runPlaybook(&host, R"({"req": {"action": "path_state", "state": "online", "device": "lundev2",
-        "wwpns": ["10000000c95a3b11"]}, "expect": {"rc": -1, "changed": true, "failed": false,
-        "msg": "check mode: would run /opt/ZOR/QLX/agent/bin/PathPlanner -debug MID -multipath 1;lundev2;10000000c95a3b11"}})",
-                              true);
-    EXPECT_EQ(0, r.exitStatus) << r.describe();
-    EXPECT_THAT(host.toolCalls("rpm"), IsEmpty());
-    EXPECT_THAT(host.toolCalls("lunctl"), IsEmpty());
-    EXPECT_THAT(host.listAgentDir("log"), IsEmpty());
 }
 
 // A SCSI subsystem with one adapter or none, where nothing new ever shows up and
@@ -165,7 +119,7 @@ TEST_F(AnsibleE2eTest, RescanOutcomes) {
     };
     for (const auto& c : cases) {
         NamespaceHarness host;
-        installDriver(&host, Driver::kNone, 0);
+        installDrivers(&host, false, false);
         placeScsi(&host, c.adapter);
         RunResult r = runPlaybook(&host, c.vars);
         EXPECT_EQ(0, r.exitStatus) << c.vars << "\n" << r.describe();
@@ -181,7 +135,7 @@ struct DrainHost {
     NamespaceHarness host;
     std::string bin = host.makeHostDir("bin");
     DrainHost() {
-        installDriver(&host, Driver::kNone, 0);
+        installDrivers(&host, false, false);
         host.hideSbinTool("multipath");
         fs::copy_file(PP_BINARY_DIR "/e2e-prefix/agent/bin/PathPlanner", bin + "/PathPlanner");
         fs::copy_file(PP_TESTS_ROOT "/ansible/fake-PathPlannerTopology", bin + "/PathPlannerTopology");

@@ -9,62 +9,46 @@ namespace {
 
 class ExitLineE2eTest : public E2eTest {};
 
-struct Case {
-    std::vector<std::string> args;
-    int exitStatus;
-    const char* line;  // what the terminal shows; "" for a run that prints nothing there
-};
-
 // No multipath driver is installed, and the host has no /proc/scsi.
 void prepareHost(NamespaceHarness* host) {
     host->addAnsweringTool("rpm", "", 1);
     host->hidePath("/proc/scsi");
 }
 
-const Case kCases[] = {
-    {{"-multipath", "9"}, 5,
-     "PathPlanner failed with exit status 5 (unknown multipath setting; the settings are 0 to 5): "
-     "the setting given is 9"},
-    {{"-multipath", "0;mpatha"}, 6,
-     "PathPlanner failed with exit status 6 (the multipath request or an option's value is missing or "
-     "incomplete): a state change needs a device and at least one WWPN"},
-    {{"-multipath", "abc"}, 3,
-     "PathPlanner failed with exit status 3 (the command line or the multipath setting was rejected): "
-     "AGT0398E 'abc' is not a valid multipath option."},
-    {{"-debug"}, 6,
-     "PathPlanner failed with exit status 6 (the multipath request or an option's value is missing or "
-     "incomplete): Debug mode not specified"},
-    {{"-multipath", "3;mpatha"}, 169,
-     "PathPlanner failed with exit status 169 (no multipath driver was found on this host): "
-     "AGT0456E No multipath driver was found on this host."},
-    // The rescan script's own complaint, which is nowhere in the activity log.
-    {{"-multipath", "5"}, 1,
-     "PathPlanner failed with exit status 1 (the rescan script failed): Error: SCSI subsystem not active"},
-    {{"-version"}, 0, ""},
-};
-
 TEST_F(ExitLineE2eTest, FailedRunExplainsItselfOnATerminal) {
-    for (const Case& c : kCases) {
+    const struct {
+        std::vector<std::string> args;
+        int exitStatus;
+        const char* line;  // what the terminal shows; "" for a run that prints nothing there
+    } cases[] = {
+        {{"-multipath", "9"}, 5,
+         "PathPlanner failed with exit status 5 (unknown multipath setting; the settings are 0 to 5): "
+         "the setting given is 9"},
+        {{"-multipath", "abc"}, 3,
+         "PathPlanner failed with exit status 3 (the command line or the multipath setting was rejected): "
+         "AGT0398E 'abc' is not a valid multipath option."},
+        {{"-debug"}, 6,
+         "PathPlanner failed with exit status 6 (the multipath request or an option's value is missing or "
+         "incomplete): Debug mode not specified"},
+        {{"-multipath", "3;mpatha"}, 169,
+         "PathPlanner failed with exit status 169 (no multipath driver was found on this host): "
+         "AGT0456E No multipath driver was found on this host."},
+        // The rescan script's own complaint, which is nowhere in the activity log.
+        {{"-multipath", "5"}, 1,
+         "PathPlanner failed with exit status 1 (the rescan script failed): Error: SCSI subsystem not active"},
+        {{"-version"}, 0, ""},
+    };
+    for (const auto& c : cases) {
         const std::string input = ::testing::PrintToString(c.args);
         NamespaceHarness host;
         prepareHost(&host);
+        RunResult r = host.run(c.args);  // the agent's case: nothing on standard error
+        EXPECT_EQ(c.exitStatus == 0 ? "5.2.8.0\n" : "", r.out + r.err) << input;
         host.useTerminal();
-        RunResult r = host.run(c.args);
+        r = host.run(c.args);
         EXPECT_EQ(c.exitStatus, r.exitStatus) << input << ": " << r.describe();
         const std::string shown = c.exitStatus == 0 ? "5.2.8.0\r\n" : std::string(c.line) + "\r\n";
         EXPECT_EQ(shown, r.out) << input;
-    }
-}
-
-TEST_F(ExitLineE2eTest, NothingAppearsWhenStandardErrorIsNotATerminal) {
-    for (const Case& c : kCases) {
-        const std::string input = ::testing::PrintToString(c.args);
-        NamespaceHarness host;
-        prepareHost(&host);
-        RunResult r = host.run(c.args);
-        EXPECT_EQ(c.exitStatus, r.exitStatus) << input << ": " << r.describe();
-        EXPECT_EQ("", r.err) << input;
-        EXPECT_EQ(c.exitStatus == 0 ? "5.2.8.0\n" : "", r.out) << input;
         // The log is what the agent reads: the reason shown on a terminal adds nothing to it.
         EXPECT_THAT(host.readAgentFile("log/multipath.log"), ::testing::Not(HasSubstr("SCSI subsystem"))) << input;
     }

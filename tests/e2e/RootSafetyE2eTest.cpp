@@ -12,7 +12,7 @@
 
 #include "PathPlanner/linux/WalkTheBusLinux.h"
 #include "gmock/gmock.h"
-#include "tests/e2e/NamespaceHarness.h"
+#include "tests/e2e/E2eHosts.h"
 
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -24,19 +24,6 @@ class RootSafetyE2eTest : public E2eTest {};
 
 const char kAsAttacker[] = "setpriv --reuid=65534 --regid=65534 --clear-groups bash -c ";
 const std::regex kEntryStart(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [A-Z]{3}\d{4}[IWE] )");
-
-std::string quote(const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
-// $p: the PathPlanner that runs this fake (see ActionsE2eTest).
-const char kFindPlanner[] = R"SH(p=$PPID
-while [ "$p" -gt 1 ] && [ "$(cat /proc/self/../$p/comm)" != PathPlanner ]; do
-  p=$(cut -d' ' -f4 /proc/self/../$p/stat)
-done
-)SH";
 
 // A rescan on a host without a multipath driver. The package query runs before the
 // rescan, so its fake starts the attack once, as the attacker, with the tool's pid
@@ -52,7 +39,7 @@ public:
         host.placeTree("/sys/class/scsi_host", host.makeHostDir("scsi_host"));
         host.addFakeTool("sleep", "");
         host.addFakeTool("rpm", "[ -s " + pidFile_ + " ] || {\n" + kFindPlanner + "echo $p > " + pidFile_ + "\n" +
-                                    kAsAttacker + quote(attack) + " attacker $p\n}\necho 'package is not installed'\nexit 1");
+                                    kAsAttacker + shellQuote(attack) + " attacker $p\n}\necho 'package is not installed'\nexit 1");
         host.hideSbinTool("multipath");
     }
     ~AttackedRescan() {
@@ -95,40 +82,49 @@ private:
     std::string pidFile_ = host.makeHostDir("planner") + "/pid";
 };
 
-TEST_F(RootSafetyE2eTest, FifoAtScriptNameNeitherBlocksNorLeaksTheScript) {
-    AttackedRescan rescan("mkfifo /tmp/rescanScript$1\n"
-                          "(timeout 20 cat /tmp/rescanScript$1 > /tmp/ppStolen$1 2>/dev/null &)");
-    auto start = std::chrono::steady_clock::now();
-    rescan.run();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
-    EXPECT_EQ("", rescan.attackerFile("Stolen"));
-    rescan.expectOwnScript();
-}
-
-TEST_F(RootSafetyE2eTest, FileOwnedByAttackerAtScriptNameIsNeverWrittenOrRun) {
-    // The attacker keeps a second name for the planted file and keeps rewriting it.
-    AttackedRescan rescan("f=/tmp/rescanScript$1\necho theirs > $f; chmod 666 $f; ln $f /tmp/ppKept$1\n"
-                          "(for i in $(seq 300); do printf '#!/bin/sh\\ntouch /tmp/ppOwned%s\\n' $1 > /tmp/ppKept$1;"
-                          " done; touch /tmp/ppDone$1) &");
-    rescan.run();
-    rescan.awaitAttackEnd();
-    rescan.expectOwnScript();
-    EXPECT_THAT(rescan.attackerFile("Kept"), Not(HasSubstr("Rescan")));
-    EXPECT_FALSE(testfiles::fileExists("/tmp/ppOwned" + rescan.pid()));
-}
-
-TEST_F(RootSafetyE2eTest, SnapshotNameHeldByAttackerIsNotWrittenThrough) {
+// Whatever the attacker plants at the script's name or at the snapshot names, the run
+// neither blocks nor writes through the plant, runs only its own script, and leaks
+// nothing of it.
+TEST_F(RootSafetyE2eTest, PlantedNamesNeitherBlockNorLeakNorRunTheirs) {
     const std::string victim = "/tmp/ppVictim" + std::to_string(getpid());
-    testfiles::writeFile(victim, "precious\n");
     // Two loops keep a link at this second's snapshot name, recreated as fast as they
     // can, so that one also lands between a removal and a copy.
-    const std::string loop = "(end=$((EPOCHSECONDS + 6)); while [ $EPOCHSECONDS -lt $end ];"
-                             " do ln -sf " + victim + " /tmp/scsi$EPOCHSECONDS 2>/dev/null; done; touch /tmp/ppDone$1) &\n";
-    AttackedRescan rescan(loop + loop);
-    rescan.run();
-    rescan.awaitAttackEnd();
-    EXPECT_EQ("precious\n", readFile(victim));
-    rescan.expectOwnScript();
+    const std::string snapshotLoop = "(end=$((EPOCHSECONDS + 6)); while [ $EPOCHSECONDS -lt $end ];"
+                                     " do ln -sf " + victim + " /tmp/scsi$EPOCHSECONDS 2>/dev/null; done;"
+                                     " touch /tmp/ppDone$1) &\n";
+    const struct {
+        const char* name;
+        std::string attack;
+        bool privateScriptOnly;  // the default mode (decimal 755) lets any user rewrite the script
+    } attacks[] = {
+        {"FIFO at the script name", "mkfifo /tmp/rescanScript$1\n"
+         "(timeout 20 cat /tmp/rescanScript$1 > /tmp/ppStolen$1 2>/dev/null &)\ntouch /tmp/ppDone$1", false},
+        // The attacker keeps a second name for the planted file and keeps rewriting it.
+        {"attacker's file at the script name", "f=/tmp/rescanScript$1\necho theirs > $f; chmod 666 $f; ln $f /tmp/ppKept$1\n"
+         "(for i in $(seq 300); do printf '#!/bin/sh\\ntouch /tmp/ppOwned%s\\n' $1 > /tmp/ppKept$1;"
+         " done; touch /tmp/ppDone$1) &", false},
+        {"links at the snapshot names", snapshotLoop + snapshotLoop, false},
+        // Rewrites the script whenever it exists, from before its creation until after the run.
+        {"writer racing the script", "(f=/tmp/rescanScript$1; end=$((EPOCHSECONDS + 6)); while [ $EPOCHSECONDS -lt $end ];"
+         " do [ -f $f ] && printf '#!/bin/sh\\ntouch /tmp/ppOwned%s\\n' $1 2>/dev/null > $f; done;"
+         " touch /tmp/ppDone$1) &", true},
+    };
+    for (const auto& a : attacks) {
+#ifndef PP_PRIVATE_RESCAN_SCRIPT
+        if (a.privateScriptOnly) continue;  // closed only by -DPP_PRIVATE_RESCAN_SCRIPT=ON
+#endif
+        testfiles::writeFile(victim, "precious\n");
+        AttackedRescan rescan(a.attack);
+        const auto start = std::chrono::steady_clock::now();
+        rescan.run();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15)) << a.name;
+        rescan.awaitAttackEnd();
+        rescan.expectOwnScript();
+        EXPECT_EQ("", rescan.attackerFile("Stolen")) << a.name;
+        EXPECT_THAT(rescan.attackerFile("Kept"), Not(HasSubstr("Rescan"))) << a.name;
+        EXPECT_FALSE(testfiles::fileExists("/tmp/ppOwned" + rescan.pid())) << a.name;
+        EXPECT_EQ("precious\n", readFile(victim)) << a.name;
+    }
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator("/tmp", ignored)) {
         if (entry.is_symlink() && std::filesystem::read_symlink(entry.path(), ignored) == victim) {
@@ -138,25 +134,9 @@ TEST_F(RootSafetyE2eTest, SnapshotNameHeldByAttackerIsNotWrittenThrough) {
     unlink(victim.c_str());
 }
 
-TEST_F(RootSafetyE2eTest, WriterRacingThePrivateScriptNeverGetsIn) {
-#ifndef PP_PRIVATE_RESCAN_SCRIPT
-    GTEST_SKIP() << "the default script mode (decimal 755) lets any user rewrite the script; "
-                    "this race is closed only by -DPP_PRIVATE_RESCAN_SCRIPT=ON";
-#endif
-    // Rewrites the script whenever it exists, from before its creation until after the run.
-    AttackedRescan rescan("(f=/tmp/rescanScript$1; end=$((EPOCHSECONDS + 6)); while [ $EPOCHSECONDS -lt $end ]; do [ -f $f ] &&"
-                          " printf '#!/bin/sh\\ntouch /tmp/ppOwned%s\\n' $1 2>/dev/null > $f; done;"
-                          " touch /tmp/ppDone$1) &");
-    rescan.run();
-    rescan.awaitAttackEnd();
-    rescan.expectOwnScript();
-    EXPECT_FALSE(testfiles::fileExists("/tmp/ppOwned" + rescan.pid()));
-}
-
 TEST_F(RootSafetyE2eTest, OpenUmaskLeavesLogAndTraceUnwritableByOthers) {
     NamespaceHarness host;
-    host.addFakeTool("rpm", "exit 1");
-    host.hideSbinTool("multipath");
+    installDrivers(&host, false, false);
     host.useUmask("000");
     RunResult r = host.run({"-debug", "MIN", "-multipath", "3;mpatha"});
     EXPECT_EQ(169, r.exitStatus) << r.describe();
@@ -167,36 +147,29 @@ TEST_F(RootSafetyE2eTest, OpenUmaskLeavesLogAndTraceUnwritableByOthers) {
     }
 }
 
-TEST_F(RootSafetyE2eTest, LineFeedInRequestForgesNoLogEntry) {
+// After a run cut off in the middle of an entry, a request carrying a line feed and a
+// forged entry: every entry starts on its own line with the tool's own stamp.
+TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnother) {
     NamespaceHarness host;
-    host.addFakeTool("rpm", "exit 1");
-    host.hideSbinTool("multipath");
+    installDrivers(&host, false, false);
+    const char cut[] = "2024-03-15 10:00:00.000 AGT0430I PathPlanner ended with";
+    testfiles::writeFile(host.agentDir() + "/log/multipath.log", cut);
     const char forged[] = "2099-01-01 00:00:00.000 AGT0430I PathPlanner ended with 0";
     RunResult r = host.run({"-debug", "MAX", "-multipath", std::string("3;a\n") + forged});
     EXPECT_EQ(169, r.exitStatus) << r.describe();
     const std::string log = host.readAgentFile("log/multipath.log");
     EXPECT_THAT(log, HasSubstr(std::string("a\\n") + forged));
-    for (const std::string& line : testfiles::splitLines(log)) {
+    const std::vector<std::string> lines = testfiles::splitLines(log);
+    ASSERT_LE(3u, lines.size());
+    EXPECT_EQ(cut, lines[0]);
+    EXPECT_THAT(lines[1], HasSubstr("AGT0429I"));
+    for (const std::string& line : lines) {
         EXPECT_TRUE(std::regex_search(line, kEntryStart)) << line;
         EXPECT_NE(0u, line.rfind("2099", 0)) << line;
     }
     for (const std::string& line : testfiles::splitLines(host.readAgentFile("log/multipath.trace"))) {
         EXPECT_NE(0u, line.rfind("2099", 0)) << line;
     }
-}
-
-TEST_F(RootSafetyE2eTest, EntryAfterCutOffRunStartsOnItsOwnLine) {
-    NamespaceHarness host;
-    host.addFakeTool("rpm", "exit 1");
-    host.hideSbinTool("multipath");
-    const char cut[] = "2024-03-15 10:00:00.000 AGT0430I PathPlanner ended with";
-    testfiles::writeFile(host.agentDir() + "/log/multipath.log", cut);
-    host.run({"-multipath", "3;mpatha"});
-    const std::vector<std::string> lines = testfiles::splitLines(host.readAgentFile("log/multipath.log"));
-    ASSERT_LE(3u, lines.size());
-    EXPECT_EQ(cut, lines[0]);
-    for (const std::string& line : lines) EXPECT_TRUE(std::regex_search(line, kEntryStart)) << line;
-    EXPECT_THAT(lines[1], HasSubstr("AGT0429I"));
 }
 
 // The vendor driver with lunctl answering from listings built out of the captured ones.

@@ -3,7 +3,7 @@
 
 #include "gmock/gmock.h"
 #include "tests/e2e/JsonCheck.h"
-#include "tests/e2e/NamespaceHarness.h"
+#include "tests/e2e/E2eHosts.h"
 
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
@@ -50,48 +50,49 @@ protected:
     NamespaceHarness host;
 };
 
-TEST_F(TopologyE2eTest, RecordsListEveryPathInDeviceOrder) {
+// The record layout itself is TopologyFormatTest's; here the driver text comes from
+// the package query and every option form reaches the same listing.
+TEST_F(TopologyE2eTest, RecordsCarryTheInstalledDriverWhateverTheOptionForm) {
     installDriver();
-    const std::string trace = "/opt/ZOR/QLX/agent/log/topology.trace";
-    for (const Lines& args : {Lines{"--records"}, Lines{"--records", "--trace", trace}, Lines{"--table", "--records"}}) {
+    for (const Lines& args : {Lines{"--records"}, Lines{"--records", "--trace", "/opt/ZOR/QLX/agent/log/t.trace"},
+                              Lines{"--table", "--records"}, Lines{"--records", "--trace=/opt/ZOR/QLX/agent/log/t.trace", "--"}}) {
         RunResult r = run(args);
         ASSERT_EQ(r.exitStatus, 0) << r.describe();
         EXPECT_EQ(r.err, "");
-        Lines out = splitLines(r.out);
-        ASSERT_EQ(out.size(), 6u) << r.out;
-        EXPECT_EQ(out[1],
-                  "{\"kind\":1,\"id\":\"0\",\"host\":0,\"channel\":0,\"target\":0,\"lun\":0,\"state\":\"ready\","
-                  "\"mode\":\"running\",\"preferred\":true,\"policy\":\"service-time\",\"disk\":\"mpatha\","
-                  "\"device\":\"sda\",\"group\":1,\"driverVersion\":\"Device Mapper Multipath Version 0.9.4-3\","
-                  "\"spare\":\"\"},");
-        EXPECT_THAT(out[3], HasSubstr("\"preferred\":false,\"policy\":\"service-time\",\"disk\":\"mpatha\",\"device\":\"sdc\""));
-        EXPECT_EQ(jsonArrayLength(r.out), 4);
+        EXPECT_EQ(jsonArrayLength(r.out), 4) << r.out;
+        EXPECT_THAT(r.out, HasSubstr("\"device\":\"sda\",\"group\":1,\"driverVersion\":\"Device Mapper Multipath Version "
+                                     "0.9.4-3\",\"spare\":\"\"},"));
     }
-    EXPECT_EQ(host.toolCalls("multipath"), (Lines{"-ll -v2", "-ll -v2", "-ll -v2"}));
-    EXPECT_THAT(host.readAgentFile("log/topology.trace"), HasSubstr("Found Path sdd: host=1, channel=0, target=0, lun=1\n"));
+    EXPECT_EQ(host.toolCalls("multipath"), (Lines{"-ll -v2", "-ll -v2", "-ll -v2", "-ll -v2"}));
+    EXPECT_THAT(host.readAgentFile("log/t.trace"), HasSubstr("Found Path sdd: host=1, channel=0, target=0, lun=1\n"));
 }
 
-TEST_F(TopologyE2eTest, TableAlignsEveryPath) {
-    installDriver();
-    RunResult r = run({"--table"});
-    ASSERT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.out,
-              "DEVICE  H:C:T:L  DISK    GROUP  POLICY        MODE     STATE  PREFERRED\n"
-              "sda     0:0:0:0  mpatha  1      service-time  running  ready  yes\n"
-              "sdb     0:0:0:1  mpathb  1      service-time  running  ready  yes\n"
-              "sdc     1:0:0:0  mpatha  2      service-time  running  ready  no\n"
-              "sdd     1:0:0:1  mpathb  2      service-time  running  ready  no\n");
-}
-
-TEST_F(TopologyE2eTest, NoMapsIsAnEmptyList) {
-    installDriver("");
-    RunResult r = run({"--records"});
-    EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(r.out, "[]\n");
-    r = run({});
-    EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(r.out, "{\"version\":2,\"driver\":\"Device Mapper Multipath Version 0.9.4-3\",\"maps\":[]}\n");
+// Runs that succeed with a fixed answer: no maps, no maps to switch, version, help.
+TEST_F(TopologyE2eTest, FixedAnswers) {
+    const struct {
+        Lines args;
+        const char* out;  // exact, or a prefix when it ends in "..."
+    } cases[] = {
+        {{"--records"}, "[]\n"},
+        {{}, "{\"version\":2,\"driver\":\"Device Mapper Multipath Version 0.9.4-3\",\"maps\":[]}\n"},
+        {{"--fail-if-no-path", "--table"}, "MAP  DEVICE  RESULT  DM-STATE  REASON\n"},
+        {{"--version"}, "PathPlannerTopology 5.2.8.0\n"},
+        {{"--help"}, "Usage: PathPlannerTopology..."},
+    };
+    for (const auto& c : cases) {
+        NamespaceHarness one;
+        installRpm(&one, kWithTools);
+        one.addAnsweringTool("multipath", "");
+        one.addAnsweringTool("dmsetup", fixture("dmsetup-ls.no-maps.stdout"));
+        RunResult r = one.run(c.args, "PathPlannerTopology");
+        EXPECT_EQ(r.exitStatus, 0) << r.describe();
+        const std::string out = c.out;
+        if (out.size() > 3 && out.compare(out.size() - 3, 3, "...") == 0) {
+            EXPECT_THAT(r.out, StartsWith(out.substr(0, out.size() - 3)));
+        } else {
+            EXPECT_EQ(r.out, out);
+        }
+    }
 }
 
 TEST_F(TopologyE2eTest, HostileListingStillGivesValidJson) {
@@ -110,19 +111,9 @@ TEST_F(TopologyE2eTest, HostileListingStillGivesValidJson) {
     EXPECT_THAT(r.out, HasSubstr("\"name\":\"m\\\"x\\\\\""));
 }
 
-// Ports of hosts 0 and 1 as sysfs shows them; host 7 has a port but no paths.
-std::string fcHostTree(NamespaceHarness* host) {
-    const std::string fc = host->makeHostDir("fc_host");
-    const std::pair<const char*, const char*> ports[] = {
-        {"host0", "0x21000024ff00aa00"}, {"host1", "0x21000024FF00AA01"}, {"host7", "0x21000024ff00aa07"}};
-    for (const auto& port : ports) testfiles::writeFile(host->makeHostDir(std::string("fc_host/") + port.first) +
-                                                            "/port_name", std::string(port.second) + "\n");
-    return fc;
-}
-
 TEST_F(TopologyE2eTest, JsonNestsMapsGroupsAndPathsWithAdapterPorts) {
     installDriver();
-    host.placeTree("/sys/class/fc_host", fcHostTree(&host));
+    placeFcPorts(&host);
     RunResult r = run({"--json"});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(r.err, "");
@@ -149,17 +140,6 @@ TEST_F(TopologyE2eTest, JsonNestsMapsGroupsAndPathsWithAdapterPorts) {
     EXPECT_EQ(schemaProblem(r.out), "") << r.out;
     EXPECT_THAT(r.out, HasSubstr("\"dm\":null,\"vendor\":null,\"product\":null,\"size\":\"5 GB\""));
     EXPECT_THAT(r.out, HasSubstr("\"deviceState\":null,\"adapterWwpn\":null}"));
-}
-
-TEST_F(TopologyE2eTest, VersionAndOptionForms) {
-    installDriver();
-    RunResult r = run({"--version"});
-    EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(r.out, "PathPlannerTopology 5.2.8.0\n");
-    r = run({"--records", "--trace=/opt/ZOR/QLX/agent/log/t.trace", "--"});
-    EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(jsonArrayLength(r.out), 4);
-    EXPECT_THAT(host.readAgentFile("log/t.trace"), HasSubstr("dmParseTopology"));
 }
 
 // Every failure is one line on standard error and nothing on standard output.
@@ -225,15 +205,6 @@ TEST_F(TopologyE2eTest, FailIfNoPathSwitchesQueueingMaps) {
     EXPECT_EQ(host.toolCalls("dmsetup"), (Lines{"ls", "table mpatha", "message mpatha 0 fail_if_no_path", "table mpathb"}));
 }
 
-TEST_F(TopologyE2eTest, FailIfNoPathWithoutMapsSaysSo) {
-    installRpm(&host, kWithTools);
-    host.addAnsweringTool("dmsetup", fixture("dmsetup-ls.no-maps.stdout"));
-    RunResult r = run({"--fail-if-no-path", "--table"});
-    EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(r.out, "MAP  DEVICE  RESULT  DM-STATE  REASON\n");
-    EXPECT_EQ(host.toolCalls("dmsetup"), Lines{"ls"});
-}
-
 // A failing "dmsetup ls" is not "no maps"; a refused message is not success.
 TEST_F(TopologyE2eTest, FailIfNoPathFailuresAreOneLine) {
     installRpm(&host, kWithTools);
@@ -254,12 +225,6 @@ TEST_F(TopologyE2eTest, FailIfNoPathFailuresAreOneLine) {
     EXPECT_EQ(r.out, "{\"changed\":[],\"unchanged\":[],\"refused\":[],\"failed\":[{\"map\":\"mpatha\",\"reason\":"
                      "\"dmsetup refused fail_if_no_path\"}]}\n");
     EXPECT_EQ(r.err, "PathPlannerTopology: dmsetup refused fail_if_no_path for mpatha\n");
-}
-
-TEST_F(TopologyE2eTest, HelpPrintsUsage) {
-    RunResult r = run({"--help"});
-    EXPECT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_THAT(r.out, StartsWith("Usage: PathPlannerTopology"));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The trace file the installed tool writes with -debug: a wrapping trace whose header
-// records where the next record goes, records with the full prefix, continuation by
-// the next run, and wrapping in place at its maximum.
+// records where the next record goes, and records with the full prefix, from one run
+// or from ten at once. Continuing and wrapping the file are TraceWrapTest's.
 #include <cstdlib>
 #include <map>
 #include <regex>
@@ -17,7 +17,6 @@ namespace {
 const char kTrace[] = "log/multipath.trace";
 // A trace closed at the end of the run ends with the close marker at the next-write offset.
 const std::string kEndOfData = "\nEND OF DATA - close\n\n";
-const std::string kBegin = "BEGINNING NEW TRACE\n\n";
 
 class TraceE2eTest : public E2eTest {
 protected:
@@ -27,15 +26,12 @@ protected:
     NamespaceHarness host_;
 };
 
-TEST_F(TraceE2eTest, HeaderRecordsAndEndMarkerAreLaidOutExactly) {
+TEST_F(TraceE2eTest, HeaderRecordsAndEndMarkerOfTheInstalledTool) {
     ASSERT_EQ(5, traceRun().exitStatus);
     const std::string trace = host_.readAgentFile(kTrace);
     ASSERT_GT(trace.size(), 100u);
-    EXPECT_EQ("QLX Trace   ", trace.substr(0, 12));
-    EXPECT_TRUE(std::regex_match(trace.substr(12, 12), std::regex("[0-9]+ *"))) << trace.substr(12, 12);
+    // The header's layout is TraceWrapTest's; the maximum and the product are the tool's.
     EXPECT_EQ("1          ZOR Quillon 5.2.8.0   Build date: ", trace.substr(24, 45));
-    const size_t dataStart = trace.find("\n\n") + 2;
-    EXPECT_EQ(kBegin, trace.substr(dataStart, kBegin.size()));
     EXPECT_EQ(kEndOfData, trace.substr(offset(trace), kEndOfData.size()));
     // date time.ms [pid] [tid] : file(line): text
     const std::regex record(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[\d{6}\] \[\d+\] : )"
@@ -44,30 +40,6 @@ TEST_F(TraceE2eTest, HeaderRecordsAndEndMarkerAreLaidOutExactly) {
     EXPECT_TRUE(std::regex_search(trace, found, record));
     EXPECT_THAT(trace, HasSubstr("Tracing to file: /opt/ZOR/QLX/agent/log/multipath.trace\n"));
     EXPECT_THAT(trace, HasSubstr("Tracefile maximum length set to 1 MB.\n"));
-}
-
-TEST_F(TraceE2eTest, SecondRunContinuesAfterTheFirstRunsLastRecord) {
-    ASSERT_EQ(5, traceRun().exitStatus);
-    const size_t firstEnd = offset(host_.readAgentFile(kTrace));
-    ASSERT_EQ(5, traceRun().exitStatus);
-    const std::string trace = host_.readAgentFile(kTrace);
-    EXPECT_EQ(kBegin, trace.substr(firstEnd, kBegin.size()));
-    EXPECT_GT(offset(trace), firstEnd);
-    EXPECT_EQ(kEndOfData, trace.substr(offset(trace), kEndOfData.size()));
-}
-
-TEST_F(TraceE2eTest, WrapsInPlaceAtItsMaximum) {
-    const std::string continued = "\nContinued at beginning of file\n\n";
-    std::string trace;
-    // A run adds under 2 KB, so about 600 runs fill the 1 MB maximum.
-    for (int run = 0; run < 1500 && trace.find(continued) == std::string::npos; ++run) {
-        ASSERT_EQ(5, traceRun().exitStatus);
-        trace = host_.readAgentFile(kTrace);
-    }
-    ASSERT_NE(std::string::npos, trace.find(continued)) << "no wrap after " << trace.size() << " bytes";
-    EXPECT_LE(trace.size(), 1048576u);
-    EXPECT_LT(offset(trace), trace.find(continued));
-    EXPECT_EQ(kEndOfData, trace.substr(offset(trace), kEndOfData.size()));
 }
 
 // The records of one run, keyed by the process number in their prefix.

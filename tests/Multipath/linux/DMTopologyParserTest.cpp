@@ -1,6 +1,5 @@
 #include "Multipath/linux/DMTopologyParser.h"
 
-#include <random>
 #include <regex>
 #include <sstream>
 #include <tuple>
@@ -139,18 +138,6 @@ TEST(DMTopologyParserTest, MapWithoutGroupsGivesGroupZero) {
               Lines{"sda 0:0:0:0 mode=running state=ready policy= disk=mpatha group=0"});
 }
 
-TEST(DMTopologyParserTest, LaterLineReplacesAndHeldRecordsAreMarked) {
-    Topology topology;
-    for (int16_t g : {1, 2, 3}) (topology["sdx" + std::to_string(g)] = std::make_unique<PathRecord>())->group = g;
-    dmParseTopology("a (0123456789abcdef)\n\\_ rr 0 [prio=1]\n \\_ 0:0:0:1 sdb 8:16 [active][ready]\n"
-                    "b (0123456789abcdee)\n\\_ rr 0 [prio=1]\n \\_ 1:0:0:1 sdb 8:16 [failed][faulty]\n"
-                    "\\_ rr 0 [prio=5]\n \\_ 1:0:0:2 sdc 8:32 [active][ready]\n",
-                    kDriverText, &topology);
-    EXPECT_EQ(describe(*topology.at("sdb")), "sdb 1:0:0:1 mode=failed state=faulty policy=rr disk=b group=1 preferred");
-    EXPECT_TRUE(topology.at("sdc")->preferred && topology.at("sdx1")->preferred && topology.at("sdx2")->preferred);
-    EXPECT_FALSE(topology.at("sdx3")->preferred);
-}
-
 TEST(DMTopologyParserTest, NoiseAroundTheListingIsIgnored) {
     const std::string listing = fixture("multipath-ll-v2.two-maps.stdout");
     std::string noisy = "Jan 01 00:00:00 | sda: checker msg is \"directio checker reports path is up\"\n"
@@ -184,43 +171,6 @@ TEST(DMTopologyParserTest, TruncatedAtEveryByte) {
         dmParseTopology(std::string_view(listing).substr(0, cut), kDriverText, &part);
         for (const auto& entry : part) EXPECT_EQ(key(*entry.second), key(*whole.at(entry.first))) << cut;
     }
-}
-
-TEST(DMTopologyParserTest, RandomBytesNeverCrash) {
-    const std::string alphabet = "0123456789abcdefxyz :|-`\\_[]()#='\r\n\t prio first size policy mpath sda";
-    std::mt19937 rng(1234);
-    for (int round = 0; round < 2000; ++round) {
-        std::string text(rng() % 400, '\0');
-        for (char& c : text) c = round % 2 ? static_cast<char>(rng()) : alphabet[rng() % alphabet.size()];
-        Topology topology;
-        dmParseTopology(text, kDriverText, &topology);
-        for (const auto& entry : topology) EXPECT_EQ(entry.first, entry.second->device);
-    }
-}
-
-TEST(DMTopologyParserTest, ListingStatusInOrder) {
-    const struct { int32_t exitCode; const char* out; DmListingStatus status; } cases[] = {
-        {-1, "mpatha (333333330000007d0)", DmListingStatus::kNotRun},
-        {0, "", DmListingStatus::kEmpty},
-        {0, "driver not loaded", DmListingStatus::kNotLoaded},
-        {1, "/etc/multipath.conf does not exist, blacklisting all devices.\n", DmListingStatus::kNoConfigFile},
-        {1, "driver not loaded; see multipath.conf", DmListingStatus::kNotLoaded},
-        {127, "x", DmListingStatus::kFailed},
-        {0, "mpatha (333333330000007d0)", DmListingStatus::kParsed},
-    };
-    for (const auto& c : cases) EXPECT_EQ(dmClassifyListing(c.exitCode, c.out), c.status) << c.exitCode << c.out;
-}
-
-TEST(DMTopologyParserTest, MapNamesFromDmsetupLs) {
-    const struct { std::string out; Lines names; } cases[] = {
-        {fixture("dmsetup-ls.two-maps.stdout"), {"mpatha", "mpathb"}},
-        {fixture("dmsetup-ls.no-maps.stdout"), {}},
-        {"3600a0b800011a1ee0000c4b54a7c1f5b\t(253:0)\nvg0-lv_root\t(254:0)\n", {}},
-        {"mpathc\t(253:2)\r\nvg0-lv_root\t(254:0)\nmpath2\t(253:3)\n", {"mpathc", "mpath2"}},
-        {"mpathCfoo\t(253:2)\nmpath_b\t(253:3)\nmpathd", {"mpath", "mpath", "mpathd"}},
-        {"vg-mpathlv\t(254:3)\n-mpath\t(254:4)\n", {"vg"}},
-    };
-    for (const auto& c : cases) EXPECT_EQ(dmMapNames(c.out), c.names) << c.out;
 }
 
 TEST(DMTopologyParserTest, TableQueuesOnFirstLineOnly) {

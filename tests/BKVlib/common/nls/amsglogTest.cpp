@@ -26,8 +26,9 @@ protected:
     void SetUp() override {
         nlsTerminate();
         ASSERT_EQ("", catalog_.add("en_US", "lib.cat",
-                                   "1 KRN0001I Copied %d files to %s.\n2 KRN0002E Failed on %s.\n227 KRN0227I Not for "
-                                   "the schedule log.\n250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
+                                   "1 KRN0001I Copied %d files to %s.\n2 KRN0002E Failed on %s.\n3 KRN0003W w\n4 KRN0004K k\n"
+                                   "5 KRN0005S s\n6 KRN0006T t\n201 KRN0201E e\n227 KRN0227I Not for the schedule "
+                                   "log.\n250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
         std::string used;
         ASSERT_EQ(0, nlsInit("lib.cat", catalog_.dir().c_str(), "lib.cat", NlsSettings(), &used));
         GlobalrC::instance()->clearAllRC();
@@ -37,6 +38,7 @@ protected:
     void TearDown() override {
         for (int32_t log : {NL_LOG_ERROR, NL_LOG_SCHED, NL_LOG_THIRD}) nlCloseLog(log);
         nlSetSeverityLogger(nullptr);
+        GlobalrC::setMsg250Override(false, 0);
         nlsTerminate();
     }
     std::string logPath(const char* name) const { return catalog_.dir() + "/" + name; }
@@ -115,6 +117,31 @@ TEST_F(NlLogPrintfTest, FailedThirdLogIsSwitchedOffWithMessage250) {
     EXPECT_EQ(RC_OK, nlThirdLogWrite("not written: the log is off"));
     EXPECT_NE(std::string::npos, readFile(logPath("error.log")).find("KRN0250E Log /dev/full off: "));
     EXPECT_EQ(GRC_SEVERE, GlobalrC::instance()->get());
+}
+
+TEST_F(NlLogPrintfTest, MessageSeveritiesSetRunningMaximaOfReturnCodes) {
+    const struct { int32_t msgNum, rc; } cases[] = {
+        {1, 0},   {2, 12},  {3, 8},   {4, 12},  {5, 12},   {6, 0},    {201, 4}, {223, 4},
+        {230, 4}, {251, 4}, {262, 4}, {266, 4}, {263, 12}, {250, 12}, {9999, 0}, {-1, 0}};
+    for (const auto& c : cases) EXPECT_EQ(c.rc, GlobalrC::msgRC(c.msgNum)) << c.msgNum;
+    const struct { bool enabled; int32_t value, rc; } overrides[] = {{true, 6, 6}, {true, 0, 8}, {true, -3, 8}, {false, 6, 12}};
+    for (const auto& o : overrides) {
+        GlobalrC::setMsg250Override(o.enabled, o.value);
+        EXPECT_EQ(o.rc, GlobalrC::msgRC(250)) << o.enabled << " " << o.value;
+    }
+    GlobalrC* rc = GlobalrC::instance();
+    EXPECT_EQ(0, rc->set(1));  // information never changes rc
+    EXPECT_EQ(1, rc->set(2));
+    EXPECT_EQ(0, rc->set(3));  // a lower value never lowers rc
+    EXPECT_EQ(12, rc->get());
+    rc->clearRC();
+    EXPECT_EQ(1, rc->set(3));
+    EXPECT_EQ(8, rc->get());
+    EXPECT_EQ(12, rc->getMacroMax());
+    rc->clearMacroRC();
+    EXPECT_EQ(12, rc->get() + rc->getMacroMax() + rc->getMax());
+    EXPECT_EQ(1, rc->clearAllRC());
+    EXPECT_EQ(0, rc->getMax());
 }
 
 TEST(NlYesNoTest, WordLists) {

@@ -50,12 +50,6 @@ protected:
         va_end(args);
         return rc;
     }
-    static std::vector<uint16_t> cacheOrder() {
-        std::vector<uint16_t> numbers;
-        NLSMsg* head = nlsObject()->localCache;
-        for (NLSMsg* p = head; p; p = p->next == head ? nullptr : p->next) numbers.push_back(p->number);
-        return numbers;
-    }
     NlsTestCatalog catalog_;
     std::string language_;
 };
@@ -75,18 +69,14 @@ TEST_F(NlsRepositoryTest, FormatsMessagesInTranslationOrderWithSeverities) {
     const std::pair<uint16_t, uint8_t> cases[] = {{1, NL_SEV_I}, {2, NL_SEV_E}, {3, NL_SEV_W}, {5, NL_SEV_T},
                                                   {6, NL_SEV_K}, {7, NL_SEV_S}, {8, NL_SEV_L}, {999, NL_SEV_UNKNOWN}};
     for (const auto& c : cases) EXPECT_EQ(c.second, nlGetSeverity(c.first)) << c.first;
-}
-
-TEST_F(NlsRepositoryTest, EleventhMessageEvictsLeastRecentlyUsed) {
-    std::string source;
-    for (int n = 101; n <= 112; ++n) source += std::to_string(n) + " KRN0" + std::to_string(n) + "I m\n";
-    ASSERT_EQ("", catalog_.add("en_US", "app.cat", source));
-    ASSERT_EQ(RC_OK, start("en_US"));
-    for (uint16_t n = 101; n <= 110; ++n) text(n);
-    text(101);  // a hit moves it to the head
-    EXPECT_EQ(101, cacheOrder().front());
-    text(111);
-    EXPECT_EQ((std::vector<uint16_t>{111, 101, 110, 109, 108, 107, 106, 105, 104, 103}), cacheOrder());
+    NlInserts found;
+    ASSERT_EQ(RC_OK, inserts(&found, 3, 42, "/etc/fstab"));  // reordered in the text, collected in argument order
+    EXPECT_EQ(3, found.messageType);
+    EXPECT_EQ(42, found.values[0].integer);
+    EXPECT_EQ("/etc/fstab", found.values[1].text);
+    EXPECT_EQ(4u + 11u, found.size);
+    EXPECT_EQ(RC_MSG_NOT_FOUND, inserts(&found, 4242));
+    EXPECT_EQ("?????", found.text);
 }
 
 TEST_F(NlsRepositoryTest, LanguageFallbacks) {
@@ -185,18 +175,6 @@ TEST_F(NlsRepositoryTest, CorruptAndUnknownEntriesYieldNothing) {
     EXPECT_EQ("<rc 611>", text(4242));
     EXPECT_EQ(0u, nlsObject()->pendingText.find("KRN9999E BKVlib/common/nls/amsgrtrv("));
     EXPECT_NE(std::string::npos, nlsObject()->pendingText.find("): Message No 4242 could not be found.\n"));
-}
-
-TEST_F(NlsRepositoryTest, InsertsAreCollectedAsTypedValues) {
-    ASSERT_EQ(RC_OK, start("en_US"));
-    NlInserts found;
-    ASSERT_EQ(RC_OK, inserts(&found, 3, 42, "/etc/fstab"));  // reordered in the text, collected in argument order
-    EXPECT_EQ(3, found.messageType);
-    EXPECT_EQ(42, found.values[0].integer);
-    EXPECT_EQ("/etc/fstab", found.values[1].text);
-    EXPECT_EQ(4u + 11u, found.size);
-    EXPECT_EQ(RC_MSG_NOT_FOUND, inserts(&found, 4242));
-    EXPECT_EQ("?????", found.text);
 }
 
 }  // namespace

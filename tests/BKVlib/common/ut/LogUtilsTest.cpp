@@ -2,10 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -14,11 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/TestFiles.h"
+#include "tests/BKVlib/common/ut/TraceTestUtil.h"
 
 namespace fs = std::filesystem;
-using testfiles::readFile;
-using testfiles::writeFile;
 
 namespace {
 
@@ -284,19 +278,9 @@ TEST_F(LogFileTest, FullFileSystemDuringConversionLeavesLogAsItWas) {
     for (const FullCase& c : cases) {
         std::string dir = dir_.file("tmpfs");
         fs::create_directories(dir);
-        pid_t pid = fork();
-        if (pid == 0) {
-            if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=128k") != 0) {
-                _exit(77);
-            }
-            _exit(runFullCase(c, dir));
-        }
-        int status = 0;
-        ASSERT_EQ(pid, waitpid(pid, &status, 0));
-        ASSERT_TRUE(WIFEXITED(status)) << c.name;
-        if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "private mount namespace with tmpfs refused (needs root)";
-        EXPECT_EQ(0, WEXITSTATUS(status)) << c.name;
+        int rc = runInChild([&] { return runFullCase(c, dir); }, dir, "size=128k");
+        if (rc == 77) GTEST_SKIP() << "private mount namespace with tmpfs refused (needs root)";
+        EXPECT_EQ(0, rc) << c.name;
     }
 }
 

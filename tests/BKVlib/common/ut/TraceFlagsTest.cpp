@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "BKVlib/common/ut/trace.h"
-#include "BKVlib/common/ut/trstate.h"
 #include "tests/BKVlib/common/ut/TraceTestUtil.h"
 
 namespace {
@@ -50,12 +49,9 @@ TEST_F(TraceFlagsTest, UnknownWordStopsTheListAndKeepsEarlierWords) {
 
 TEST_F(TraceFlagsTest, EndKeepsErrorOnly) {
     trSetLibFlags("ERROR NLS COMM", 0);
-    EXPECT_EQ(1, trState.markedActive);
     trEnd(0);
     EXPECT_EQ(1, trFlags[TR_ERROR]);
     EXPECT_EQ(0, trFlags[TR_NLS] + trFlags[TR_TIMESTAMP]);
-    trSetLibFlags("NLS", 0);
-    EXPECT_EQ(0, trState.markedActive);
 }
 
 TEST_F(TraceFlagsTest, CallerTablesAndSelfReferringAggregate) {

@@ -2,6 +2,13 @@
 #ifndef TESTS_BKVLIB_COMMON_UT_TRACETESTUTIL_H
 #define TESTS_BKVLIB_COMMON_UT_TRACETESTUTIL_H
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
 #include <string>
 
 #include "BKVlib/common/ut/trace.h"
@@ -27,6 +34,27 @@ inline void resetTrace(int32_t clientType = 9, ThreadTagFn tagFn = nullptr) {
 // The next-write offset recorded in a wrapping file's header.
 inline unsigned long recordedOffset(const std::string& file) {
     return file.size() >= 24 ? std::stoul(file.substr(12, 12)) : 0;
+}
+
+// Runs body in a forked child and returns its exit code (-1: it did not exit). With a
+// tmpfsDir the child first mounts a tmpfs of tmpfsOptions there in a private mount
+// namespace, so tests can fill a disk; 77 means that was refused (no root).
+inline int runInChild(const std::function<int()>& body, const std::string& tmpfsDir = "",
+                      const char* tmpfsOptions = nullptr) {
+    fflush(stdout);
+    pid_t child = fork();
+    if (child == 0) {
+        alarm(60);
+        if (!tmpfsDir.empty() && (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                                  mount("tmpfs", tmpfsDir.c_str(), "tmpfs", 0, tmpfsOptions) != 0)) {
+            _exit(77);
+        }
+        int rc = body();
+        fflush(stdout);
+        _exit(rc);
+    }
+    int status = 0;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 #endif

@@ -1,21 +1,21 @@
 // Wrapping and segmented trace files: header, wrap point, reuse of an earlier
-// file, segment switches, and tracing switched off when the disk is full.
+// file, segment switches, tracing switched off when the disk is full, and several
+// threads writing one file: every record whole, in each thread's own order.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <functional>
-#include <vector>
+#include <map>
+#include <regex>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/trace.h"
-#include "BKVlib/common/ut/trstate.h"
 #include "tests/BKVlib/common/ut/TraceTestUtil.h"
 
 using ::testing::HasSubstr;
@@ -160,59 +160,6 @@ TEST_F(TraceWrapTest, SegmentsFillInTurnAndRestartEachFileAnew) {
     EXPECT_NE(0, access(path_.c_str(), F_OK));
 }
 
-// Writers in separate processes share one wrapping file, each starting, writing and
-// closing it at the same time as the others: no record of any of them is lost.
-TEST_F(TraceWrapTest, ProcessesSharingTheFileKeepEveryRecord) {
-    constexpr int kWriters = 6;
-    constexpr int kRecords = 300;
-    unlink(path_.c_str());
-    std::vector<pid_t> children;
-    for (int w = 0; w < kWriters; ++w) {
-        pid_t child = fork();
-        if (child == 0) {
-            resetTrace();
-            trSetMaxMB(1);
-            if (trBegin(path_.c_str(), 0) != 0) _exit(1);
-            trSetLibFlags("-TIMESTAMP -PREFIX", 0);
-            for (int i = 0; i < kRecords; ++i) trPrintf("f", 1, "writer %d record %d %s\n", w, i, std::string(80, 'r').c_str());
-            trEnd(1);
-            _exit(0);
-        }
-        children.push_back(child);
-    }
-    for (pid_t child : children) {
-        int status = 0;
-        ASSERT_EQ(child, waitpid(child, &status, 0));
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    std::string text = readFile(path_);
-    EXPECT_EQ(static_cast<size_t>(kWriters), countOf(text, "BEGINNING NEW TRACE\n"));
-    for (int w = 0; w < kWriters; ++w) {
-        for (int i = 0; i < kRecords; ++i) {
-            std::string record = "writer " + std::to_string(w) + " record " + std::to_string(i) + " ";
-            ASSERT_EQ(1u, countOf(text, record)) << record;
-        }
-    }
-    EXPECT_EQ(1u, countOf(text, "END OF DATA - close"));
-    EXPECT_EQ("\nEND OF DATA - close\n\n", text.substr(recordedOffset(text), 22));
-}
-
-TEST_F(TraceWrapTest, SegmentArithmetic) {
-    const struct { uint32_t maxMB, segMB; bool segFirst; int32_t segCount; uint32_t segSize, lastSeg; } cases[] = {
-        {2500, 0, false, 3, 1000, 500}, {3000, 0, false, 3, 1000, 1000}, {1000, 0, false, 0, 0, 0},
-        {10, 3, false, 4, 3, 1}, {10, 3, true, 4, 3, 1}, {2, 5, false, 1, 2, 2}, {0, 4, false, -1, 4, 4}};
-    for (const auto& c : cases) {
-        resetTrace();
-        if (c.segFirst) trSetSegSizeMB(c.segMB);
-        if (c.maxMB) trSetMaxMB(c.maxMB);
-        if (c.segMB && !c.segFirst) trSetSegSizeMB(c.segMB);
-        const std::string label = std::to_string(c.maxMB) + "/" + std::to_string(c.segMB);
-        EXPECT_EQ(c.segCount, trState.segCount) << label;
-        EXPECT_EQ(c.segSize, trState.segSizeMB) << label;
-        EXPECT_EQ(c.lastSeg, trState.lastSegMB) << label;
-    }
-}
-
 // Runs in a child with a 64 KB tmpfs at mountPoint; 0 when every kind of trace
 // was switched off by the full disk and errno stayed as it was.
 int fillTinyDisk(const std::string& mountPoint) {
@@ -240,27 +187,84 @@ int fillTinyDisk(const std::string& mountPoint) {
 TEST_F(TraceWrapTest, FullDiskSwitchesTracingOff) {
     std::string mountPoint = dir_.file("mnt"), output = dir_.file("stdout.txt");
     mkdir(mountPoint.c_str(), 0700);
-    fflush(stdout);
-    pid_t child = fork();
-    if (child == 0) {
-        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
-            _exit(77);
-        }
+    int rc = runInChild([&] {
         dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-        int rc = fillTinyDisk(mountPoint);
-        fflush(stdout);
-        _exit(rc);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "a private mount namespace with a tmpfs was refused";
-    EXPECT_EQ(0, WEXITSTATUS(status));
+        return fillTinyDisk(mountPoint);
+    }, mountPoint, "size=64k");
+    if (rc == 77) GTEST_SKIP() << "a private mount namespace with a tmpfs was refused";
+    EXPECT_EQ(0, rc);
     std::string said = readFile(output), prefix = "Unable to write to trace file " + mountPoint;
     EXPECT_THAT(said, HasSubstr(prefix + "/plain.trc. Tracing disabled.\n"));
     EXPECT_THAT(said, HasSubstr(prefix + "/wrap.trc. Tracing disabled.\n"));
     EXPECT_THAT(said, HasSubstr(prefix + "/raw.trc error is (28) No space left on device. Tracing disabled.\n"));
+}
+
+constexpr int kRecordsEach = 2500;
+
+void writeRecords(int writer) {
+    for (int seq = 0; seq < kRecordsEach; ++seq) {
+        int length = (seq * 37 + writer * 11) % 180;
+        trPrintf("Conc.cpp", 7, "T%d R%05d L%03d %s\n", writer, seq, length, std::string(length, 'x').c_str());
+    }
+}
+
+// Checks every line of one region: a record must carry exactly its length and
+// follow its writer's previous record. Returns the records seen.
+int parseRegion(const std::string& region, std::map<int, int>* lastSeq, std::vector<std::string>* broken) {
+    static const std::regex record(
+        "[0-9-]{10} [0-9:]{8}\\.[0-9]{3} \\[[0-9]{6,}\\] \\[[0-9]+\\] : Conc\\.cpp {12}\\(   7\\): "
+        "T([0-9]) R([0-9]{5}) L([0-9]{3}) (x*)");
+    static const std::regex other(" {29}New thread {9}0================>|BEGINNING NEW TRACE|");
+    int records = 0;
+    for (const std::string& line : testfiles::splitLines(region)) {
+        std::smatch m;
+        if (std::regex_match(line, m, record) && std::stoi(m[3]) == static_cast<int>(m[4].length())) {
+            int writer = std::stoi(m[1]), seq = std::stoi(m[2]);
+            if (lastSeq->count(writer) && (*lastSeq)[writer] >= seq) broken->push_back("order: " + line);
+            (*lastSeq)[writer] = seq;
+            ++records;
+        } else if (!std::regex_match(line, other)) {
+            broken->push_back(line);
+        }
+    }
+    return records;
+}
+
+TEST(TraceConcurrencyTest, WrappingFileRecordsNeverInterleave) {
+    TempDir dir;
+    const std::string path = dir.file("shared.trc");
+    resetTrace(9, [](char* banner, size_t bannerSize, char* tag, size_t tagSize) {
+        trFormatThreadTag(static_cast<unsigned long>(psThreadNumber()), banner, bannerSize, tag, tagSize);
+    });
+    trSetMaxMB(1);
+    trSetLibFlags("PID TID", 0);
+    ASSERT_EQ(0, trBegin(path.c_str(), 0));
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 4; ++w) writers.emplace_back(writeRecords, w);
+    for (std::thread& t : writers) t.join();
+    trEnd(1);
+
+    std::string text = readFile(path);
+    size_t dataStart = text.find('\n') + 2, offset = recordedOffset(text);
+    ASSERT_EQ("\nEND OF DATA - close\n\n", text.substr(offset, 22));
+    size_t wrapLine = text.find("\nContinued at beginning of file\n\n", offset);
+    ASSERT_NE(std::string::npos, wrapLine) << "the writers should have wrapped the file";
+    std::string older = text.substr(offset + 22, wrapLine - offset - 22);
+    older = older.substr(older.find('\n') + 1);  // the first line was cut by newer records
+
+    std::map<int, int> lastSeq;
+    std::vector<std::string> broken;
+    int records = parseRegion(older, &lastSeq, &broken);
+    records += parseRegion(text.substr(dataStart, offset - dataStart), &lastSeq, &broken);
+    EXPECT_TRUE(broken.empty()) << broken.size() << " bad lines, first: " << broken.front();
+    EXPECT_GT(records, 2000);
+    // A writer that finished early may have had its last records wrapped over; the
+    // writer that finished last cannot.
+    int finished = 0;
+    for (const auto& entry : lastSeq) finished += entry.second == kRecordsEach - 1;
+    EXPECT_GE(finished, 1);
+    EXPECT_LE(text.size(), 1048576u + 33);
+    resetTrace();
 }
 
 }  // namespace

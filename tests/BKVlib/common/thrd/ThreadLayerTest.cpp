@@ -1,42 +1,83 @@
-// The signal policy, exercised in forked children so the test process keeps its
-// own signal dispositions: the shutdown wait and SIGUSR1 ending one thread.
-#include "BKVlib/common/unx/linux86/psunxthr.h"
-
+// The thread layer: mutexes with owner tracking, try-lock across threads and the
+// single-threaded skip; the delay split its waits use; and the signal policy, in forked
+// children so the test process keeps its own signal dispositions: the shutdown wait and
+// SIGUSR1 ending one thread.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <functional>
 #include <string>
+#include <thread>
 
+#include "BKVlib/common/thrd/pkthread.h"
+#include "BKVlib/common/unx/linux86/psunxthr.h"
 #include "BKVlib/common/unx/psthread.h"
+#include "BKVlib/common/ut/ReturnCodes.h"
 #include "tests/BKVlib/common/ut/TraceTestUtil.h"
 
 using ::testing::HasSubstr;
 
 namespace {
 
+TEST(PkThreadTest, TryLockHeldElsewhereIsBusyAndOwnerIsReported) {
+    psSetMultiThreaded(1);
+    MutexHandle mutex = nullptr;
+    ASSERT_EQ(RC_OK, pkCreateMutex(&mutex));
+    std::atomic<int32_t> holder{0};
+    std::atomic<bool> release{false};
+    std::thread other([&] {
+        pkAcquireMutex(mutex);
+        holder = psThreadNumber();
+        while (!release) std::this_thread::yield();
+        pkReleaseMutex(mutex);
+    });
+    while (!holder) std::this_thread::yield();
+    EXPECT_EQ(RC_MUTEX_BUSY, pkTryMutex(mutex));
+    EXPECT_EQ(holder, pkMutexOwner(mutex));
+    EXPECT_EQ(0, pkMutexHeldBySelf(mutex));
+    psSetMultiThreaded(0);  // one thread: locking is skipped
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex));
+    psSetMultiThreaded(1);
+    release = true;
+    other.join();
+    EXPECT_EQ(RC_OK, pkTryMutex(mutex));
+    EXPECT_EQ(psThreadNumber(), pkMutexOwner(mutex));
+    EXPECT_EQ(EDEADLK, pkAcquireMutex(mutex));
+    EXPECT_EQ(RC_OK, pkReleaseMutex(mutex));
+    EXPECT_EQ(0, pkMutexOwner(mutex));
+    EXPECT_EQ(-1, pkTryMutex(nullptr));
+    EXPECT_EQ(RC_OK, pkDestroyMutex(&mutex));
+    EXPECT_EQ(nullptr, mutex);
+}
+
+TEST(PsDelayTest, SplitsIntoSecondsAndMicroseconds) {
+    const struct { int32_t ms; long seconds, micros; } cases[] = {
+        {1500, 1, 500000}, {999, 0, 999000}, {1000, 1, 0}, {0, 0, 0}, {2001, 2, 1000}};
+    for (const auto& c : cases) {
+        long seconds = -1, micros = -1;
+        psDelaySplit(c.ms, &seconds, &micros);
+        EXPECT_EQ(c.seconds * 1000000 + c.micros, seconds * 1000000 + micros) << c.ms;
+        EXPECT_LT(micros, 1000000) << c.ms;
+    }
+}
+
 class PsUnxThrTest : public ::testing::Test {
 protected:
-    // Runs body in a child tracing THREAD and ERROR to path_; returns its wait status.
-    int runChild(const std::function<int()>& body) {
-        fflush(stdout);
-        pid_t child = fork();
-        if (child == 0) {
-            alarm(30);
+    // Runs body in a child tracing THREAD and ERROR to path_; returns its exit code.
+    int runTraced(const std::function<int()>& body) {
+        return runInChild([&] {
             resetTrace();
             trSetLibFlags("THREAD ERROR -TIMESTAMP -PREFIX", 0);
             trBegin(path_.c_str(), 0);
             int rc = body();
             trEnd(1);
-            _exit(rc);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        return status;
+            return rc;
+        });
     }
     TempDir dir_;
     std::string path_ = dir_.file("signals.trc");
@@ -46,14 +87,13 @@ TEST_F(PsUnxThrTest, ShutdownSignalEndsTheWait) {
     const std::pair<int, const char*> cases[] = {  // signal 0: the process asks for its own shutdown
         {SIGINT, "YRRO shutting down, signal SIGINT (2) \n"}, {0, "YRRO shutting down, signal SIGTERM (15) \n"}};
     for (const auto& c : cases) {
-        int status = runChild([&] {
+        EXPECT_EQ(0, runTraced([&] {
             PsSignalSets sets;
             if (psSetupSignals(&sets) != 0) return 3;
             psSetMultiThreaded(1);
             if ((c.first ? kill(getpid(), c.first) : psRequestShutdown(1)) != 0) return 4;
             return psWaitShutdown(&sets) == 0 && psShutdownBegun() ? 0 : 5;
-        });
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << c.second << status;
+        })) << c.second;
         std::string text = readFile(path_);
         EXPECT_THAT(text, HasSubstr("psWaitShutdown: sigwait returned(0), reason(Success)")) << c.second;
         EXPECT_THAT(text, HasSubstr(c.second));
@@ -75,7 +115,7 @@ pthread_t startJoinable(void* (*start)(void*)) {
 }
 
 TEST_F(PsUnxThrTest, Sigusr1EndsOnlyTheSignalledThread) {
-    int status = runChild([] {
+    EXPECT_EQ(0, runTraced([] {
         PsSignalSets sets;
         psSetupSignals(&sets);
         pthread_t first = startJoinable([](void*) -> void* {
@@ -93,8 +133,7 @@ TEST_F(PsUnxThrTest, Sigusr1EndsOnlyTheSignalledThread) {
         gStopSecond = true;
         pthread_join(second, nullptr);
         return 0;
-    });
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }));
     EXPECT_THAT(readFile(path_), testing::ContainsRegex("Unknown thread 0x[0-9a-f]+ terminating on signal 10\n"));
 }
 

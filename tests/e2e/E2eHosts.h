@@ -1,0 +1,66 @@
+// Fake outside worlds shared by several end-to-end tests.
+#ifndef TESTS_E2E_E2EHOSTS_H
+#define TESTS_E2E_E2EHOSTS_H
+
+#include <string>
+
+#include "tests/e2e/NamespaceHarness.h"
+
+// Finds the PathPlanner that runs a fake, as $p; works whether or not /proc is
+// overlaid (new processes are reached through /proc/self/..).
+inline const char kFindPlanner[] = R"SH(p=$PPID
+while [ "$p" -gt 1 ] && [ "$(cat /proc/self/../$p/comm)" != PathPlanner ]; do
+  p=$(cut -d' ' -f4 /proc/self/../$p/stat)
+done
+)SH";
+
+inline std::string shellQuote(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+// Package queries: the vendor package (when vendor) and the device-mapper tools (when
+// dm), as "rpm -q ZORzpl" and "rpm -qa" piped into "rpm -q <name>" ask.
+inline std::string rpmBody(bool vendor, bool dm) {
+    std::string body = "case \"$*\" in\n";
+    body += vendor ? "  '-q ZORzpl') echo ZORzpl-1.6.2.0-1 ;;\n"
+                   : "  '-q ZORzpl') echo 'package ZORzpl is not installed'; exit 1 ;;\n";
+    body += dm ? "  -qa) echo bash-5.2.15-2; echo device-mapper-multipath-0.4.9-123 ;;\n  *) echo \"$2\" ;;\n"
+               : "  -qa) ;;\n  *) echo \"package $2 is not installed\"; exit 1 ;;\n";
+    return body + "esac";
+}
+
+// Where multipath (dm) keeps the job file it saw, beside the harness's other trees.
+inline std::string jobSeenBy(NamespaceHarness* host) { return host->makeHostDir("seen") + "/job"; }
+
+// The drivers' commands that change something exit with setStatus. lunctl answers its
+// two queries from the captured listings; multipath keeps the job file it saw.
+inline void installDrivers(NamespaceHarness* host, bool vendor, bool dm, int setStatus = 0) {
+    const std::string status = std::to_string(setStatus);
+    host->addFakeTool("rpm", rpmBody(vendor, dm));
+    if (vendor) {
+        host->addFakeTool("lunctl", "case \"$1\" in\n  query) cat '" PP_TESTS_ROOT
+                                    "/Multipath/data/lunctl-query-'\"$2\"'.txt' ;;\n  set) exit " + status + " ;;\nesac");
+    }
+    if (dm) {
+        host->addFakeTool("multipath", "cat /opt/ZOR/QLX/agent/log/*.jobinfo > " + jobSeenBy(host) +
+                                           "\necho 'policy error' >&2\nexit " + status);
+    } else {
+        host->hideSbinTool("multipath");
+    }
+}
+
+// Fibre Channel ports of hosts 0 and 1 as sysfs shows them; host 7 has a port but no paths.
+inline void placeFcPorts(NamespaceHarness* host) {
+    const std::string fc = host->makeHostDir("fc_host");
+    const std::pair<const char*, const char*> ports[] = {
+        {"host0", "0x21000024ff00aa00"}, {"host1", "0x21000024FF00AA01"}, {"host7", "0x21000024ff00aa07"}};
+    for (const auto& port : ports) {
+        testfiles::writeFile(host->makeHostDir(std::string("fc_host/") + port.first) + "/port_name",
+                             std::string(port.second) + "\n");
+    }
+    host->placeTree("/sys/class/fc_host", fc);
+}
+
+#endif
