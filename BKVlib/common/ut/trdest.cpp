@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -106,9 +107,23 @@ int32_t beginStandard(bool toStdout) {
     return 0;
 }
 
+// Local file systems append each write under the inode's lock, so one write of a
+// record never interleaves with another process's. Network and user-space file
+// systems make no such promise and keep the lock around every record.
+bool appendsWhole(int fd) {
+    constexpr unsigned long kWholeAppendTypes[] = {0xEF53, 0x58465342, 0x9123683E, 0x01021994, 0x794C7630};
+    struct statfs info {};
+    if (fstatfs(fd, &info) != 0) return false;
+    for (unsigned long type : kWholeAppendTypes) {
+        if (static_cast<unsigned long>(info.f_type) == type) return true;
+    }
+    return false;
+}
+
 int32_t beginPlainFile() {
     FILE* file = fopen(trState.fileName.c_str(), "ae");
     if (!file) return openFailed(trState.fileName);
+    trState.appendsWhole = appendsWhole(fileno(file));
     fprintf(file, kPlainHeader, PP_BUILD_DATE);
     fflush(file);
     trState.stream = file;

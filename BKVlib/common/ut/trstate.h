@@ -54,6 +54,9 @@ struct TraceState {
     // which opening of the file it was taken on (both under wrapMutex).
     int32_t fileLockDepth = 0;
     uint32_t fileGeneration = 0;
+    // The plain file lies on a file system that appends each write whole, so
+    // processes sharing it need no lock around a record.
+    std::atomic<bool> appendsWhole{false};
 };
 
 extern TraceState trState;
@@ -107,8 +110,8 @@ private:
     bool outermost_ = false;
 };
 
-// Plain files: the record is appended under the file's lock, so that a record cut
-// into several writes by the stream still lands in one piece.
+// Plain files on file systems that may interleave appends (network and user-space
+// ones): the record is appended under the file's lock. A null stream holds nothing.
 class AppendLock {
 public:
     explicit AppendLock(FILE* stream);

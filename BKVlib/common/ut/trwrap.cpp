@@ -105,9 +105,17 @@ int32_t trWrapPut(const char* text, size_t length) {
 
 int32_t trWrapStoreOffset() {
     FILE* stream = trState.stream;
-    char field[16];
-    snprintf(field, sizeof(field), "%-12lu", static_cast<unsigned long>(trState.nextWrite));
-    struct iovec part = {field, 12};
+    // "%-12lu": the digits, then blanks to the field's end.
+    char field[12];
+    char digits[12];
+    size_t count = 0;
+    uint32_t value = trState.nextWrite;
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    for (size_t i = 0; i < sizeof(field); ++i) field[i] = i < count ? digits[count - 1 - i] : ' ';
+    struct iovec part = {field, sizeof(field)};
     errno = 0;
     return stream ? writeAt(fileno(stream), &part, 1, 12) : -1;
 }

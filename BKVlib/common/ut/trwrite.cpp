@@ -2,6 +2,7 @@
 // writers for each destination (the wrapping file is in trwrap.cpp) and the dumps.
 #include "BKVlib/common/ut/trace.h"
 
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -41,23 +42,25 @@ const char* bannerWord(int32_t clientType) {
     return "       ";
 }
 
-// One record's text: the heap buffer grows only when the first 4862 bytes are too
-// few. A buffer over fixed storage never allocates; text that does not fit is cut.
+// One record's text. A record starts in the caller's storage and moves to the heap
+// only when that is too small; a fixed buffer never allocates and cuts what does
+// not fit.
 class RecordBuffer {
 public:
-    RecordBuffer() = default;
-    RecordBuffer(char* storage, size_t capacity) : data_(storage), capacity_(capacity), fixed_(true) {}
+    RecordBuffer(char* storage, size_t capacity, bool fixed) : data_(storage), capacity_(capacity), fixed_(fixed) {}
     ~RecordBuffer() {
-        if (!fixed_) free(data_);
+        if (owned_) free(data_);
     }
     RecordBuffer(const RecordBuffer&) = delete;
     RecordBuffer& operator=(const RecordBuffer&) = delete;
     bool reserve(size_t capacity) {
         if (fixed_ || capacity <= capacity_) return true;
-        char* grown = static_cast<char*>(realloc(data_, capacity));
+        char* grown = static_cast<char*>(owned_ ? realloc(data_, capacity) : malloc(capacity));
+        if (grown && !owned_) memcpy(grown, data_, length);
         if (grown) {
             data_ = grown;
             capacity_ = capacity;
+            owned_ = true;
         }
         return grown != nullptr;
     }
@@ -67,9 +70,10 @@ public:
     size_t length = 0;
 
 private:
-    char* data_ = nullptr;
-    size_t capacity_ = 0;
-    bool fixed_ = false;
+    char* data_;
+    size_t capacity_;
+    bool fixed_;
+    bool owned_ = false;
 };
 
 // Formats into buffer at its current length, growing it until the text fits
@@ -114,6 +118,29 @@ bool appendf(RecordBuffer* buffer, const char* format, ...) {
     return ok;
 }
 
+// "%-20s(%4u): " without a formatter call: every record of a trace carries it.
+bool appendSourcePlace(RecordBuffer* buffer, const char* file, uint32_t line) {
+    constexpr size_t kFileWidth = 20;
+    constexpr size_t kLineWidth = 4;
+    size_t fileLength = strlen(file);
+    if (fileLength + kFileWidth + 16 > buffer->capacity() - buffer->length) {
+        return appendf(buffer, "%-20s(%4u): ", file, line);
+    }
+    appendText(buffer, file, fileLength);
+    for (size_t n = fileLength; n < kFileWidth; ++n) buffer->data()[buffer->length++] = ' ';
+    char digits[16];
+    size_t count = 0;
+    do {
+        digits[count++] = static_cast<char>('0' + line % 10);
+        line /= 10;
+    } while (line != 0);
+    buffer->data()[buffer->length++] = '(';
+    for (size_t n = count; n < kLineWidth; ++n) buffer->data()[buffer->length++] = ' ';
+    while (count > 0) buffer->data()[buffer->length++] = digits[--count];
+    appendText(buffer, "): ", 3);
+    return true;
+}
+
 // The record text: "file(line): " when PREFIX is on, the formatted text, and a
 // newline when the format does not end in one.
 bool formatRecord(RecordBuffer* buffer, const char* file, uint32_t line, bool addNewline, const char* format,
@@ -121,7 +148,7 @@ bool formatRecord(RecordBuffer* buffer, const char* file, uint32_t line, bool ad
 bool formatRecord(RecordBuffer* buffer, const char* file, uint32_t line, bool addNewline, const char* format,
                   va_list args) {
     bool ok = buffer->reserve(kTrFirstBuffer);
-    if (ok && trFlags[TR_PREFIX]) ok = appendf(buffer, "%-20s(%4u): ", file ? file : "", line);
+    if (ok && trFlags[TR_PREFIX]) ok = appendSourcePlace(buffer, file ? file : "", line);
     if (ok) ok = appendFormatted(buffer, format, args);
     if (ok && addNewline) buffer->data()[buffer->length++] = '\n';
     if (ok) buffer->data()[buffer->length] = '\0';
@@ -133,9 +160,39 @@ bool endsInNewline(const char* format) {
     return n > 0 && format[n - 1] == '\n';
 }
 
-// Standard streams and plain files: one locked write of prefix and text, flushed.
+// Writes every byte of parts with as few calls as the kernel allows; false on an error.
+bool writeAll(int fd, struct iovec* parts, int count) {
+    while (count > 0) {
+        ssize_t n = writev(fd, parts, count);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        size_t done = static_cast<size_t>(n);
+        while (count > 0 && done >= parts->iov_len) {
+            done -= parts->iov_len;
+            ++parts;
+            --count;
+        }
+        if (count > 0) {
+            parts->iov_base = static_cast<char*>(parts->iov_base) + done;
+            parts->iov_len -= done;
+        }
+    }
+    return true;
+}
+
+// A plain trace file is opened for appending and every record is flushed, so its
+// stdio buffer is always empty here: prefix and text go out in one writev, which
+// the kernel appends whole. The file's lock is taken only where appends of other
+// processes may interleave with it.
+int32_t plainFileWrite(FILE* stream, const char* prefix, size_t prefixLength, const char* text, size_t length) {
+    AppendLock fileHold(trState.appendsWhole ? nullptr : stream);
+    struct iovec parts[2] = {{const_cast<char*>(prefix), prefixLength}, {const_cast<char*>(text), length}};
+    bool ok = writeAll(fileno(stream), parts, 2);
+    return ok ? static_cast<int32_t>(prefixLength + length) : -1;
+}
+
+// Standard streams: one write of prefix and text under the stream's lock, flushed.
 int32_t streamWrite(FILE* stream, const char* prefix, size_t prefixLength, const char* text, size_t length) {
-    AppendLock fileHold(stream);
     flockfile(stream);
     bool ok = fwrite_unlocked(prefix, 1, prefixLength, stream) == prefixLength;
     ok = fwrite_unlocked(text, 1, length, stream) == length && ok;
@@ -165,7 +222,7 @@ int32_t emit(const char* prefix, size_t prefixLength, const char* text, size_t l
     } else if (trState.wrapping) {
         written = trWrapWrite(prefix, prefixLength, text, length);
     } else {
-        written = streamWrite(stream, prefix, prefixLength, text, length);
+        written = plainFileWrite(stream, prefix, prefixLength, text, length);
     }
     if (written < 0) {
         trDisableAfterWriteFailure(raw, errno);
@@ -232,7 +289,7 @@ bool buildLinePrefix(RecordBuffer* prefix) {
 
 int32_t writeLine(const char* text, size_t length) {
     char storage[256];
-    RecordBuffer prefix(storage, sizeof(storage));
+    RecordBuffer prefix(storage, sizeof(storage), true);
     if (!buildLinePrefix(&prefix)) return RC_NO_MEMORY;
     return emit(prefix.data(), prefix.length, text, length, 0);
 }
@@ -321,7 +378,14 @@ void trFormatThreadTag(unsigned long threadId, char* banner, size_t bannerSize, 
     } else if (bannerSize > 0) {
         banner[0] = '\0';
     }
-    snprintf(tag, tagSize, "[%u] ", static_cast<unsigned>(threadId));
+    // The tag of the calling thread's last record is reused rather than formatted again.
+    thread_local unsigned long cachedId = 0;
+    thread_local char cachedTag[24] = "";
+    if (cachedId != threadId || cachedTag[0] == '\0') {
+        snprintf(cachedTag, sizeof(cachedTag), "[%u] ", static_cast<unsigned>(threadId));
+        cachedId = threadId;
+    }
+    copyBounded(tag, tagSize, cachedTag);
 }
 
 void trCallerThreadTag(char* banner, size_t bannerSize, char* tag, size_t tagSize) {
@@ -331,7 +395,8 @@ void trCallerThreadTag(char* banner, size_t bannerSize, char* tag, size_t tagSiz
 int32_t trVPrintf(const char* file, uint32_t line, const char* format, va_list args) {
     if (!trIsActive() || !format) return 0;
     ErrnoSaver keepErrno;
-    RecordBuffer record;
+    char storage[kTrFirstBuffer];
+    RecordBuffer record(storage, sizeof(storage), false);
     if (!formatRecord(&record, file, line, !endsInNewline(format), format, args)) return RC_NO_MEMORY;
     return writeLine(record.data(), record.length);
 }
@@ -340,7 +405,7 @@ int32_t trSignalPrintf(const char* file, uint32_t line, const char* format, ...)
     if (!trIsActive() || !format) return 0;
     ErrnoSaver keepErrno;
     char storage[kTrSignalRecord];
-    RecordBuffer record(storage, sizeof(storage));
+    RecordBuffer record(storage, sizeof(storage), true);
     va_list args;
     va_start(args, format);
     formatRecord(&record, file, line, !endsInNewline(format), format, args);
@@ -398,7 +463,8 @@ int32_t trWPrintf(const char* file, uint32_t line, const wchar_t* format, ...) {
     wide[kWideBuffer - 1] = L'\0';
     size_t n = wcslen(format);
     bool addNewline = n == 0 || format[n - 1] != L'\n';
-    RecordBuffer record;
+    char storage[kTrFirstBuffer];
+    RecordBuffer record(storage, sizeof(storage), false);
     std::string narrow = narrowText(wide);
     if (!formatRecordf(&record, file, line, addNewline, "%s", narrow.c_str())) return RC_NO_MEMORY;
     return writeLine(record.data(), record.length);
@@ -407,7 +473,8 @@ int32_t trWPrintf(const char* file, uint32_t line, const wchar_t* format, ...) {
 int32_t trRawPrintf(const char* format, ...) {
     if (!trIsActive() || !format) return 0;
     ErrnoSaver keepErrno;
-    RecordBuffer record;
+    char storage[kTrFirstBuffer];
+    RecordBuffer record(storage, sizeof(storage), false);
     va_list args;
     va_start(args, format);
     bool ok = record.reserve(kTrFirstBuffer) && appendFormatted(&record, format, args);

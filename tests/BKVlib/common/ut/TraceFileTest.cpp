@@ -1,10 +1,13 @@
 // Plain trace files: header, record prefixes, names, and records of any length.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
+#include <map>
+#include <sstream>
 #include <string>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
@@ -94,6 +97,48 @@ TEST_F(TraceFileTest, LongAndWideRecordsAreWrittenWholeAndKeepErrno) {
     EXPECT_EQ(1234, errno);
     EXPECT_EQ(8, trWPrintf("f", 1, L"wide %d", 42));
     EXPECT_EQ(longText + "\nwide 42\n", body());
+}
+
+TEST_F(TraceFileTest, SourcePlaceIsPaddedOrKeptWhole) {
+    const struct { const char* file; uint32_t line; const char* expected; } cases[] = {
+        {"a.cpp", 0, "a.cpp               (   0): x\n"},
+        {"a.cpp", 12345, "a.cpp               (12345): x\n"},
+        {"exactly_twenty_chars", 7, "exactly_twenty_chars(   7): x\n"},
+        {"a/longer/path/than/twenty.cpp", 4294967295u, "a/longer/path/than/twenty.cpp(4294967295): x\n"},
+        {nullptr, 9, "                    (   9): x\n"},
+    };
+    for (const auto& c : cases) {
+        begin("-TIMESTAMP");
+        trPrintf(c.file, c.line, "x");
+        EXPECT_EQ(c.expected, body()) << (c.file ? c.file : "(null)");
+        unlink(path_.c_str());
+    }
+}
+
+// Records larger than a stdio buffer, from two processes at once, each land whole.
+TEST_F(TraceFileTest, TwoProcessesAppendWholeRecords) {
+    constexpr int kRecords = 200;
+    const std::string ours(6000, 'p');
+    const std::string theirs(6000, 'c');
+    begin("-TIMESTAMP -PREFIX");
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        resetTrace();
+        trSetLibFlags("-TIMESTAMP -PREFIX", 0);
+        trBegin(path_.c_str(), 0);
+        for (int i = 0; i < kRecords; ++i) trPrintf("f", 1, "%s", theirs.c_str());
+        _exit(0);
+    }
+    for (int i = 0; i < kRecords; ++i) trPrintf("f", 1, "%s", ours.c_str());
+    int status = 0;
+    waitpid(child, &status, 0);
+    std::istringstream lines(readFile(path_));
+    std::map<std::string, int> counts;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.size() > 100) ++counts[line];
+    }
+    EXPECT_EQ((std::map<std::string, int>{{ours, kRecords}, {theirs, kRecords}}), counts);
 }
 
 // The calls that reach a file or standard output, on a wrapping file where every
