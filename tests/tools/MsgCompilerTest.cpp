@@ -2,27 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdarg>
 #include <string>
 #include <vector>
 
-#include "BKVlib/common/nls/amsgfmt.h"
-
 namespace {
-
-// Reads a stored catalogue text back as the message layer does and expands it.
-std::string expandStored(const std::string& stored, size_t idLength, ...) {
-    std::string body = stored.substr(idLength + 1, stored.rfind(static_cast<char>(NL_TRAILER_MARK)) - idLength - 1);
-    nlDecodeStandins(&body);
-    NlCompiled msg;
-    if (!nlParseCompiled(body.data(), body.size(), &msg)) return "parse failed";
-    va_list args;
-    va_start(args, idLength);
-    nlsCharBuffer out;
-    nlOrderInsert(msg, &out, args);
-    va_end(args);
-    return out.text();
-}
 
 TEST(MsgCompilerTest, ParsesSourceWithCommentsEscapesAndContinuations) {
     const std::string source =
@@ -53,17 +36,6 @@ TEST(MsgCompilerTest, RejectsBadSourceLinesAndInsertSets) {
         EXPECT_FALSE(msgc::compileText(text, true, &body, &error)) << text;
         EXPECT_FALSE(error.empty()) << text;
     }
-}
-
-TEST(MsgCompilerTest, OrderedFormSurvivesTheCatalogueRoundTrip) {
-    std::string body, error;
-    ASSERT_TRUE(msgc::compileText("<%2$d|%1$-3s>", true, &body, &error)) << error;
-    EXPECT_EQ(std::string("\0\x06\0\0\0\x02\x01\x00" "\0\x02%-3s\0" "\0\0%d\0" "<\0|\0>\0", 26), body);
-    std::string stored = msgc::storedText("AGT0001I", body, "xy");
-    EXPECT_EQ(std::string::npos, stored.find('\0'));
-    EXPECT_EQ("AGT0001I \x10\x06\x10", stored.substr(0, 12));
-    EXPECT_EQ("\x12xy", stored.substr(stored.size() - 3));
-    EXPECT_EQ("<7|ab >", expandStored(stored, 8, "ab", 7));
 }
 
 TEST(MsgCompilerTest, TranslationMustKeepIdentifier) {

@@ -21,10 +21,8 @@ namespace {
 
 unsigned long gTagThread = 1;
 
-class TraceFileTest : public ::testing::Test {
+class TraceFileTest : public TraceTestBase {
 protected:
-    void SetUp() override { resetTrace(); }
-    void TearDown() override { resetTrace(); }
     // Begins a bare plain trace (no stamp, no prefix) plus extra flags, for client type.
     void begin(const char* flags, int32_t clientType = 9) {
         resetTrace(clientType, [](char* banner, size_t bannerSize, char* tag, size_t tagSize) {
@@ -39,7 +37,6 @@ protected:
         return std::string("QLX Trace   ZOR Quillon 5.2.8.0  \nBuild Date: ") + PP_BUILD_DATE +
                "\nBEGINNING NEW TRACE\n\n";
     }
-    TempDir dir_;
     std::string path_ = dir_.file("plain.trc");
 };
 

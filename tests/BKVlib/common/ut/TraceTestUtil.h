@@ -11,6 +11,8 @@
 #include <functional>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "BKVlib/common/ut/trace.h"
 #include "tests/support/TestFiles.h"
 
@@ -30,6 +32,14 @@ inline void resetTrace(int32_t clientType = 9, ThreadTagFn tagFn = nullptr) {
     trFlags[TR_ERROR] = 0;  // the facility itself never clears ERROR
     trInit(clientType, 1, tagFn);
 }
+
+// Every trace test starts and ends with the facility reset, and writes into its own directory.
+class TraceTestBase : public ::testing::Test {
+protected:
+    void SetUp() override { resetTrace(); }
+    void TearDown() override { resetTrace(); }
+    TempDir dir_;
+};
 
 // The next-write offset recorded in a wrapping file's header.
 inline unsigned long recordedOffset(const std::string& file) {
