@@ -98,7 +98,8 @@ TEST(FilelockTest, LockOfKilledHolderIsTakenOver) {
     EXPECT_EQ(RC_OK, lock.lockFile());
     EXPECT_EQ(RC_OK, lock.writeProcessId(std::string()));
     // Read in another process: opening and closing the file here would drop this lock.
-    EXPECT_EQ(0, inChild([&] { return testfiles::readFile(path) == std::to_string(getpid()) ? 0 : 1; }));
+    const std::string self = std::to_string(getpid());
+    EXPECT_EQ(0, inChild([&] { return testfiles::readFile(path) == self ? 0 : 1; }));
     EXPECT_EQ(1, inChild([&] { return Filelock(path).isLocked() ? 1 : 0; }));
 }
 
