@@ -5,6 +5,7 @@
 #include "BKVlib/common/nls/amsgrtrv.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentMessageIds.h"
+#include "Common/FailureNote.h"
 #include "Common/LogManager.h"
 #include "tests/support/TestFiles.h"
 
@@ -66,6 +67,31 @@ TEST_F(AgentMessagesTest, StartFailsWithoutCatalogues) {
     EXPECT_EQ(RC_MESSAGES_FAILED, initMessages("/nonexistent/nls", "", "qlxna.cat", ""));
     EXPECT_EQ(0, messageStatus());
     EXPECT_EQ("", getMsg(AGT0456E));
+}
+
+TEST(FailureNoteTest, KeepsTheLastLineThatSaysSomething) {
+    const struct { const char* text; const char* note; } cases[] = {
+        {"Error: SCSI subsystem not active\n", "Error: SCSI subsystem not active"},
+        {"Scanning host 0\r\nNo SCSI host adapters found in /sys\r\n", "No SCSI host adapters found in /sys"},
+        {"first\n  last words \t\n\n \n", "last words"},
+        {"no line end", "no line end"},
+        {"", "earlier"},  // nothing said: the earlier note stands
+        {" \n\t\n", "earlier"},
+    };
+    for (const auto& c : cases) {
+        clearFailure();
+        noteFailure("earlier");
+        noteFailure(c.text);
+        EXPECT_EQ(c.note, lastFailure()) << "[" << c.text << "]";
+    }
+}
+
+// Only error messages explain a failure; the start and end messages do not.
+TEST_F(AgentMessagesTest, LoggedErrorMessagesAreNoted) {
+    clearFailure();
+    logMsg(nullptr, AGT0456E);
+    logMsg(nullptr, AGT0430I, "PathPlanner", 169);
+    EXPECT_EQ("AGT0456E No multipath driver was found on this host.", lastFailure());
 }
 
 }  // namespace

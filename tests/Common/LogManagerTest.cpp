@@ -1,10 +1,7 @@
 #include "Common/LogManager.h"
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <csignal>
 
 #include <algorithm>
 #include <regex>
@@ -35,27 +32,6 @@ protected:
     testfiles::TempDir dir_;
     std::string log_ = dir_.file("multipath.log");
 };
-
-std::string payload(int writer, int n) {
-    return "w" + std::to_string(writer) + " n" + std::to_string(n) + " " + std::string(n % 7 ? 20 + n % 90 : 3000, 'x');
-}
-
-// Messages of many lengths, half with their own newline: each must become exactly one line.
-void writeMany(LogManager* log, int writer, int count) {
-    for (int n = 0; n < count; ++n) log->LogActivityLog((payload(writer, n) + (n % 2 ? "\n" : "")).c_str());
-}
-
-// Every message exactly once on a line of its own, none cut or merged.
-void expectAllLines(std::vector<std::string> lines, int writers, int perWriter) {
-    std::vector<std::string> expected;
-    for (int w = 0; w < writers; ++w) {
-        for (int n = 0; n < perWriter; ++n) expected.push_back(payload(w, n));
-    }
-    std::sort(lines.begin(), lines.end());
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected.size(), lines.size());
-    EXPECT_TRUE(expected == lines);
-}
 
 TEST_F(LogManagerTest, LineCarriesStampAndOneNewline) {
     const std::pair<const char*, std::string> cases[] = {
@@ -98,17 +74,28 @@ TEST_F(LogManagerTest, WrappingLogAtThePathBecomesPlain) {
     EXPECT_EQ((std::vector<std::string>{"old entry", "new entry"}), messages(log_));
 }
 
+// Messages of many lengths from two processes, half with their own newline: each
+// must become exactly one line, none cut or merged.
 TEST_F(LogManagerTest, ProcessesNeverInterleaveOrLoseLines) {
+    auto payload = [](int writer, int n) {
+        return "w" + std::to_string(writer) + " n" + std::to_string(n) + " " + std::string(n % 7 ? 20 + n % 90 : 3000, 'x');
+    };
+    auto writeMany = [&](int writer) {
+        LogManager log(log_);
+        for (int n = 0; n < 1000; ++n) log.LogActivityLog((payload(writer, n) + (n % 2 ? "\n" : "")).c_str());
+    };
     pid_t pid = fork();
     if (pid == 0) {
-        LogManager child(log_);
-        writeMany(&child, 1, 1000);
+        writeMany(1);
         _exit(0);
     }
-    LogManager log(log_);
-    writeMany(&log, 0, 1000);
+    writeMany(0);
     ASSERT_EQ(0, testfiles::exitCodeOf(pid));
-    expectAllLines(messages(log_), 2, 1000);
+    std::vector<std::string> lines = messages(log_), expected;
+    for (int n = 0; n < 2000; ++n) expected.push_back(payload(n / 1000, n % 1000));
+    std::sort(lines.begin(), lines.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_TRUE(expected == lines) << lines.size() << " lines";
 }
 
 }  // namespace

@@ -35,35 +35,22 @@ protected:
     }
 };
 
-TEST_F(ExecPathPlannerTest, ValidateArgsStoresAcceptedRequests) {
-    const struct { Lines tokens; int32_t setting; Lines devices; Lines wwpns; const char* action; } cases[] = {
-        {{"5", "x", "y"}, 5, {}, {}, "Walk-The-Bus"},
-        {{"2", "dev1"}, 2, {"dev1"}, {}, "Policy Change"},
-        {{"0", "dev1", "w1", "w2"}, 0, {"dev1"}, {"w1", "w2"}, "State Change"},
+// A refused request stores nothing; only the option that is not a number is logged.
+TEST_F(ExecPathPlannerTest, ValidateArgsStoresOrRefusesTheRequest) {
+    const struct { Lines tokens; int32_t rc; MultipathRequest stored; const char* trace; const char* message; } cases[] = {
+        {{"5", "x", "y"}, RC_OK, {5, {}, {}}, "Multipath Walk-The-Bus Action\n", ""},
+        {{"2", "dev1"}, RC_OK, {2, {"dev1"}, {}}, "Multipath Policy Change Action\n", ""},
+        {{"0", "dev1", "w1", "w2"}, RC_OK, {0, {"dev1"}, {"w1", "w2"}}, "Multipath State Change Action\n", ""},
         // Read like "%d": leading blanks skipped, sign allowed, trailing text ignored.
-        {{"  +3abc", "dev1"}, 3, {"dev1"}, {}, "Policy Change"},
-    };
-    for (const auto& c : cases) {
-        fakes::TraceCapture trace;
-        const std::string input = ::testing::PrintToString(c.tokens);
-        MultipathRequest request;
-        EXPECT_EQ(RC_OK, validateArgs(c.tokens, &request)) << input;
-        EXPECT_EQ(c.setting, request.setting) << input;
-        EXPECT_EQ(c.devices, request.devices) << input;
-        EXPECT_EQ(c.wwpns, request.wwpns) << input;
-        EXPECT_THAT(trace.text(), HasSubstr(std::string("Multipath ") + c.action + " Action\n")) << input;
-    }
-}
-
-TEST_F(ExecPathPlannerTest, ValidateArgsRejectsBadRequests) {
-    const struct { Lines tokens; int32_t rc; const char* trace; const char* message; } cases[] = {
-        {{}, RC_MISSING_VALUE, "No multipath arguments to work with.\n", "AGT0272E"},
-        {{"abc", "dev1"}, RC_BAD_ARGS, " 'abc' is not a valid multipath option.\n", "AGT0398E"},
-        {{""}, RC_BAD_ARGS, " '<NULL>' is not a valid multipath option.\n", "AGT0398E"},
-        {{"7", "dev1"}, RC_UNKNOWN_SETTING, "Unknown multipathSetting: 7\n", ""},
-        {{"99999999999", "dev1"}, RC_UNKNOWN_SETTING, "Unknown multipathSetting: 2147483647\n", ""},
-        {{"0", "dev1"}, RC_MISSING_VALUE, "Multipath arguments are incomplete, lundev or its paths are missing.\n", ""},
-        {{"2"}, RC_MISSING_VALUE, "Multipath arguments are incomplete, lundevs are missing.\n", ""},
+        {{"  +3abc", "dev1"}, RC_OK, {3, {"dev1"}, {}}, "Multipath Policy Change Action\n", ""},
+        {{}, RC_MISSING_VALUE, {}, "No multipath arguments to work with.\n", "AGT0272E"},
+        {{"abc", "dev1"}, RC_BAD_ARGS, {}, " 'abc' is not a valid multipath option.\n", "AGT0398E"},
+        {{""}, RC_BAD_ARGS, {}, " '<NULL>' is not a valid multipath option.\n", "AGT0398E"},
+        {{"7", "dev1"}, RC_UNKNOWN_SETTING, {}, "Unknown multipathSetting: 7\n", ""},
+        {{"99999999999", "dev1"}, RC_UNKNOWN_SETTING, {}, "Unknown multipathSetting: 2147483647\n", ""},
+        {{"0", "dev1"}, RC_MISSING_VALUE, {}, "Multipath arguments are incomplete, lundev or its paths are missing.\n",
+         ""},
+        {{"2"}, RC_MISSING_VALUE, {}, "Multipath arguments are incomplete, lundevs are missing.\n", ""},
     };
     for (const auto& c : cases) {
         fakes::TraceCapture trace;
@@ -71,7 +58,9 @@ TEST_F(ExecPathPlannerTest, ValidateArgsRejectsBadRequests) {
         const std::string input = ::testing::PrintToString(c.tokens);
         MultipathRequest request;
         EXPECT_EQ(c.rc, validateArgs(c.tokens, &request)) << input;
-        EXPECT_TRUE(request.devices.empty() && request.wwpns.empty()) << input;
+        if (c.rc == RC_OK) EXPECT_EQ(c.stored.setting, request.setting) << input;
+        EXPECT_EQ(c.stored.devices, request.devices) << input;
+        EXPECT_EQ(c.stored.wwpns, request.wwpns) << input;
         EXPECT_THAT(trace.text(), HasSubstr(c.trace)) << input;
         std::string logged = log.text();
         EXPECT_TRUE(c.message[0] ? logged.find(c.message) != std::string::npos : logged.empty()) << input << logged;
@@ -112,23 +101,18 @@ TEST_F(ExecPathPlannerTest, SettingPicksTheActionAndItsAnnouncement) {
 }
 
 TEST_F(ExecPathPlannerTest, WalkTheBusReturnsVehicleResultUnlessStopped) {
-    auto scanning = std::make_unique<MockWalkTheBus>();
-    EXPECT_CALL(*scanning, walkTheBus()).WillOnce(Return(42));
-    MockPlannerDriver scanner;
-    EXPECT_CALL(scanner, getWalkTheBusVehicle()).WillOnce(Return(ByMove(std::move(scanning))));
-    fakes::LogCapture walkLog;
-    EXPECT_EQ(42, runRequestedAction(&scanner, {kSettingWalkTheBus, {}, {}}));
-    EXPECT_THAT(walkLog.text(), HasSubstr("AGT0459I"));
-    fakes::LogCapture log;
-    fakes::TraceCapture trace;
-    agentStopRequested = 1;
-    auto vehicle = std::make_unique<MockWalkTheBus>();
-    EXPECT_CALL(*vehicle, walkTheBus()).Times(0);
-    MockPlannerDriver planner;
-    EXPECT_CALL(planner, getWalkTheBusVehicle()).WillOnce(Return(ByMove(std::move(vehicle))));
-    EXPECT_EQ(RC_CANCELLED, walkTheBus(&planner));
-    EXPECT_THAT(log.text(), HasSubstr("AGT0445I"));
-    EXPECT_THAT(trace.text(), HasSubstr("PathPlanner cancelled due to Agent stop signal\n"));
+    for (bool stop : {false, true}) {
+        fakes::LogCapture log;
+        fakes::TraceCapture trace;
+        agentStopRequested = stop;
+        auto vehicle = std::make_unique<MockWalkTheBus>();
+        EXPECT_CALL(*vehicle, walkTheBus()).Times(stop ? 0 : 1).WillRepeatedly(Return(42));
+        MockPlannerDriver planner;
+        EXPECT_CALL(planner, getWalkTheBusVehicle()).WillOnce(Return(ByMove(std::move(vehicle))));
+        EXPECT_EQ(stop ? RC_CANCELLED : 42, runRequestedAction(&planner, {kSettingWalkTheBus, {}, {}}));
+        EXPECT_THAT(log.text(), HasSubstr(stop ? "AGT0445I" : "AGT0459I"));
+        if (stop) EXPECT_THAT(trace.text(), HasSubstr("PathPlanner cancelled due to Agent stop signal\n"));
+    }
 }
 
 }  // namespace

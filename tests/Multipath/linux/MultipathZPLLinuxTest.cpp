@@ -54,16 +54,16 @@ TEST(MultipathZPLLinuxTest, ReconfigurationResults) {
 }
 
 TEST(MultipathZPLLinuxTest, FormatWwpnWithColons) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"1234567890abcdef", "12:34:56:78:90:ab:cd:ef"}, {"1234567890abcd", "12:34:56:78:90:ab:cd:"},
+        // Only the pair at 14 follows: a trailing blank or extra characters are dropped.
+        {"1234567890abcdef01", "12:34:56:78:90:ab:cd:ef"}, {"1234567890abcdef ", "12:34:56:78:90:ab:cd:ef"},
+        {"1234567890abcde", "12:34:56:78:90:ab:cd:e"}, {"1234567890abc", ""}, {"12345", ""}, {"", ""},
+    };
     MultipathZPLLinux zpl;
-    EXPECT_EQ("12:34:56:78:90:ab:cd:ef", zpl.formatWWPN("1234567890abcdef"));
-    EXPECT_EQ("12:34:56:78:90:ab:cd:", zpl.formatWWPN("1234567890abcd"));
-    // Only the pair at 14 follows: a trailing blank or extra characters are dropped.
-    EXPECT_EQ("12:34:56:78:90:ab:cd:ef", zpl.formatWWPN("1234567890abcdef01"));
-    EXPECT_EQ("12:34:56:78:90:ab:cd:ef", zpl.formatWWPN("1234567890abcdef "));
-    EXPECT_EQ("12:34:56:78:90:ab:cd:e", zpl.formatWWPN("1234567890abcde"));
-    for (const char* shortWwpn : {"1234567890abc", "12345", ""}) {
-        EXPECT_FALSE(zpl.canFormatWWPN(shortWwpn)) << shortWwpn;
-        EXPECT_EQ("", zpl.formatWWPN(shortWwpn)) << shortWwpn;
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.second, zpl.formatWWPN(c.first)) << c.first;
+        EXPECT_EQ(*c.second != '\0', zpl.canFormatWWPN(c.first)) << c.first;
     }
 }
 

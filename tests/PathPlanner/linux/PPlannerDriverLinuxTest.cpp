@@ -14,11 +14,6 @@ void install(fakes::FakeTools* tools, bool zpl, bool dm) {
     tools->answer("rpm.-q.device-mapper-multipath-0.4.9-123", "device-mapper-multipath-0.4.9-123\n");
 }
 
-size_t count(const fakes::FakeTools& tools, const std::string& rpmCall) {
-    std::vector<std::string> calls = tools.calls("rpm");
-    return static_cast<size_t>(std::count(calls.begin(), calls.end(), rpmCall));
-}
-
 TEST(PPlannerDriverLinuxTest, EveryCallProbesAgainAndVehicleComesWithoutDriver) {
     for (bool zpl : {true, false}) {
         fakes::FakeTools tools{"rpm"};
@@ -29,7 +24,8 @@ TEST(PPlannerDriverLinuxTest, EveryCallProbesAgainAndVehicleComesWithoutDriver) 
         WalkTheBusLinux* linuxVehicle = dynamic_cast<WalkTheBusLinux*>(vehicle.get());
         ASSERT_NE(nullptr, linuxVehicle);
         EXPECT_EQ(zpl, linuxVehicle->driver() != nullptr);
-        EXPECT_EQ(2u, count(tools, "-q ZORzpl"));
+        const std::vector<std::string> calls = tools.calls("rpm");
+        EXPECT_EQ(2, std::count(calls.begin(), calls.end(), "-q ZORzpl"));
     }
 }
 

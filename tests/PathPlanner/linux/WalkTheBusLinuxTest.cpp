@@ -5,7 +5,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <functional>
 
@@ -42,7 +41,6 @@ TEST_F(WalkTheBusLinuxTest, WritesWholeScriptWithItsMode) {
     EXPECT_EQ(path_, product.scriptPath());
     EXPECT_EQ(RC_OK, product.writeScript());
     EXPECT_EQ(kRescanScript, readFile(path_));
-    EXPECT_EQ(4349u, readFile(path_).size());
     struct stat info;
     ASSERT_EQ(0, stat(path_.c_str(), &info));
 #ifdef PP_PRIVATE_RESCAN_SCRIPT
