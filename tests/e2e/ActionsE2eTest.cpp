@@ -36,8 +36,6 @@ TEST_F(ActionsE2eTest, EachDriverGetsItsCommandsWhileTheJobFileExists) {
          {"query device", "query wwpn", "set device 1 path 1 offline", "set device 1 path 0 offline"}},
         {true, true, "4;nodev", 0, 170, "AGT0452E", 0, {"query device"}},
         {true, true, "3;lundev0", 2, 173, "AGT0453E", 0, {"query device", "set device 0 policy rr"}},
-        {true, true, "0;lundev0;10000000c95a3b10", 2, 173, "AGT0430I", 0,
-         {"query device", "query wwpn", "set device 0 path 0 offline"}},
         // A WWPN too short to format makes the driver throw; the run still ends in order.
         {true, true, "0;lundev1;10000000", 0, 173, "AGT0430I", 0, {"query device"}},
     };
@@ -67,15 +65,9 @@ time_t logTime(const std::string& log, const std::string& key) {
 // and whose clock runs fast for the tool's own wait.
 struct RescanHost {
     NamespaceHarness host;
-    std::string scsi = host.makeHostDir("scsi_host/host0"), fc = host.makeHostDir("fc_host/host0");
+    std::string scan = placeScsi(&host), lip = host.makeHostDir("fc_host/host0") + "/issue_lip";
     std::string pidFile = host.makeHostDir("planner") + "/pid";
     RescanHost() {
-        testfiles::writeFile(host.makeHostDir("proc_scsi") + "/scsi", "Attached devices:\n");
-        testfiles::writeFile(scsi + "/scan", "");
-        testfiles::writeFile(fc + "/issue_lip", "");
-        host.placeTree("/proc/scsi", host.makeHostDir("proc_scsi"));
-        host.placeTree("/sys/class/scsi_host", host.makeHostDir("scsi_host"));
-        host.placeTree("/sys/class/fc_host", host.makeHostDir("fc_host"));
         host.addFakeTool("sleep", std::string(kFindPlanner) + "echo $p > " + pidFile);
         host.useFaketime("+0 x20");
     }
@@ -109,8 +101,8 @@ TEST_F(ActionsE2eTest, RescanWaitsAndReconfiguresOnlyWithDriver) {
         const std::string label = c.vendor ? "vendor" : c.dm ? "dm" : "none";
         EXPECT_EQ(c.exitStatus, r.exitStatus) << label << ": " << r.describe();
         EXPECT_EQ(kRescanScript, rescan.takeScript()) << label;
-        EXPECT_EQ("- - -\n", readFile(rescan.scsi + "/scan")) << label;
-        EXPECT_EQ("1\n", readFile(rescan.fc + "/issue_lip")) << label;
+        EXPECT_EQ("- - -\n", readFile(rescan.scan)) << label;
+        EXPECT_EQ("1\n", readFile(rescan.lip)) << label;
         EXPECT_THAT(rescan.host.toolCalls("sleep"), ElementsAre("10", "10", "10")) << label;
         EXPECT_EQ(c.cfglundevCalls, rescan.host.toolCalls("cfglundev").size()) << label;
         const std::string log = rescan.host.readAgentFile("log/multipath.log");
@@ -128,7 +120,7 @@ TEST_F(ActionsE2eTest, StopBeforeRescanRunsNoScript) {
     RunResult r = rescan.host.run({"-multipath", "5"});
     EXPECT_EQ(8, r.exitStatus) << r.describe();
     EXPECT_THAT(rescan.host.readAgentFile("log/multipath.log"), HasSubstr("AGT0445I"));
-    EXPECT_EQ("", readFile(rescan.scsi + "/scan"));
+    EXPECT_EQ("", readFile(rescan.scan));
     EXPECT_THAT(rescan.host.toolCalls("cfglundev"), IsEmpty());
     EXPECT_THAT(rescan.host.toolCalls("sleep"), IsEmpty());
 }

@@ -14,10 +14,19 @@ while [ "$p" -gt 1 ] && [ "$(cat /proc/self/../$p/comm)" != PathPlanner ]; do
 done
 )SH";
 
-inline std::string shellQuote(const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
+// A captured device-mapper tool output.
+inline std::string fixture(const std::string& name) { return testfiles::testData("Multipath/linux/data/" + name); }
+
+// A SCSI subsystem where nothing new ever shows up: /proc/scsi and the SCSI and FC host
+// classes, with adapter host0 in both when adapter. Returns host0's scan file, or "".
+inline std::string placeScsi(NamespaceHarness* host, bool adapter = true) {
+    testfiles::writeFile(host->makeHostDir("proc_scsi") + "/scsi", "Attached devices:\n");
+    host->placeTree("/proc/scsi", host->makeHostDir("proc_scsi"));
+    for (const std::string tree : {"scsi_host", "fc_host"}) host->placeTree("/sys/class/" + tree, host->makeHostDir(tree));
+    if (!adapter) return "";
+    testfiles::writeFile(host->makeHostDir("fc_host/host0") + "/issue_lip", "");
+    testfiles::writeFile(host->makeHostDir("scsi_host/host0") + "/scan", "");
+    return host->makeHostDir("scsi_host/host0") + "/scan";
 }
 
 // Package queries: the vendor package (when vendor) and the device-mapper tools (when

@@ -3,7 +3,9 @@
 #include "gmock/gmock.h"
 #include "tests/e2e/NamespaceHarness.h"
 
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -16,26 +18,18 @@ void prepareHost(NamespaceHarness* host) {
 }
 
 TEST_F(ExitLineE2eTest, FailedRunExplainsItselfOnATerminal) {
+    // The sentences themselves are ExitLineTest's; here the run picks the status and the reason.
     const struct {
         std::vector<std::string> args;
         int exitStatus;
-        const char* line;  // what the terminal shows; "" for a run that prints nothing there
+        const char* reason;  // what the line ends with
     } cases[] = {
-        {{"-multipath", "9"}, 5,
-         "PathPlanner failed with exit status 5 (unknown multipath setting; the settings are 0 to 5): "
-         "the setting given is 9"},
-        {{"-multipath", "abc"}, 3,
-         "PathPlanner failed with exit status 3 (the command line or the multipath setting was rejected): "
-         "AGT0398E 'abc' is not a valid multipath option."},
-        {{"-debug"}, 6,
-         "PathPlanner failed with exit status 6 (the multipath request or an option's value is missing or "
-         "incomplete): Debug mode not specified"},
-        {{"-multipath", "3;mpatha"}, 169,
-         "PathPlanner failed with exit status 169 (no multipath driver was found on this host): "
-         "AGT0456E No multipath driver was found on this host."},
+        {{"-multipath", "9"}, 5, "the setting given is 9"},
+        {{"-multipath", "abc"}, 3, "AGT0398E 'abc' is not a valid multipath option."},
+        {{"-debug"}, 6, "Debug mode not specified"},
+        {{"-multipath", "3;mpatha"}, 169, "AGT0456E No multipath driver was found on this host."},
         // The rescan script's own complaint, which is nowhere in the activity log.
-        {{"-multipath", "5"}, 1,
-         "PathPlanner failed with exit status 1 (the rescan script failed): Error: SCSI subsystem not active"},
+        {{"-multipath", "5"}, 1, "Error: SCSI subsystem not active"},
         {{"-version"}, 0, ""},
     };
     for (const auto& c : cases) {
@@ -47,8 +41,9 @@ TEST_F(ExitLineE2eTest, FailedRunExplainsItselfOnATerminal) {
         host.useTerminal();
         r = host.run(c.args);
         EXPECT_EQ(c.exitStatus, r.exitStatus) << input << ": " << r.describe();
-        const std::string shown = c.exitStatus == 0 ? "5.2.8.0\r\n" : std::string(c.line) + "\r\n";
-        EXPECT_EQ(shown, r.out) << input;
+        const std::string failed = "PathPlanner failed with exit status " + std::to_string(c.exitStatus) + " (";
+        EXPECT_THAT(r.out, StartsWith(c.exitStatus ? failed : "5.2.8.0\r\n")) << input;
+        EXPECT_THAT(r.out, EndsWith(c.exitStatus ? std::string("): ") + c.reason + "\r\n" : "")) << input;
         // The log is what the agent reads: the reason shown on a terminal adds nothing to it.
         EXPECT_THAT(host.readAgentFile("log/multipath.log"), ::testing::Not(HasSubstr("SCSI subsystem"))) << input;
     }

@@ -14,12 +14,6 @@ namespace {
 
 const std::string kPrefixAgent = PP_E2E_PREFIX "/agent";
 
-std::string quote(const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
 int shellStatus(const std::string& line) {
     int status = system(line.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -73,7 +67,7 @@ NamespaceHarness::NamespaceHarness() {
     // Where /proc is overlaid the program would not find its own /proc/<pid> (the leak
     // checker of a sanitizer build reads it).
     testfiles::writeScript(root_.file("launch"),
-                           "[ -d /proc/$$ ] || ln -s " + quote(root_.file("orig_proc")) + "/$$ /proc/$$\nexec \"$@\"\n");
+                           "[ -d /proc/$$ ] || ln -s " + shellQuote(root_.file("orig_proc")) + "/$$ /proc/$$\nexec \"$@\"\n");
 }
 
 const std::string& NamespaceHarness::unavailableReason() {
@@ -83,7 +77,7 @@ const std::string& NamespaceHarness::unavailableReason() {
 
 void NamespaceHarness::addFakeTool(const std::string& name, const std::string& body) {
     testfiles::writeScript(root_.file("fakes/" + name),
-                           "printf '%s\\n' \"$*\" >> " + quote(root_.file("calls/" + name)) + "\n" + body + "\n");
+                           "printf '%s\\n' \"$*\" >> " + shellQuote(root_.file("calls/" + name)) + "\n" + body + "\n");
     fakes_.push_back(name);
 }
 
@@ -92,7 +86,7 @@ void NamespaceHarness::addAnsweringTool(const std::string& name, const std::stri
     const std::string base = root_.file("answers/" + name);
     testfiles::writeFile(base + ".out", out);
     testfiles::writeFile(base + ".err", err);
-    addFakeTool(name, "cat " + quote(base + ".out") + "\ncat " + quote(base + ".err") + " >&2\nexit " +
+    addFakeTool(name, "cat " + shellQuote(base + ".out") + "\ncat " + shellQuote(base + ".err") + " >&2\nexit " +
                           std::to_string(status));
 }
 
@@ -102,42 +96,42 @@ std::string NamespaceHarness::makeHostDir(const std::string& name) {
 }
 
 std::string NamespaceHarness::script(const std::string& program, const std::vector<std::string>& args) const {
-    std::string s = "set -e\nW=" + quote(root_.path()) + "\n" + kScriptFunctions + "ensure_dir /opt/ZOR/QLX\n";
+    std::string s = "set -e\nW=" + shellQuote(root_.path()) + "\n" + kScriptFunctions + "ensure_dir /opt/ZOR/QLX\n";
     s += emptyInstall_ ? "mount -t tmpfs pp-empty /opt/ZOR/QLX\n" : "mount --bind \"$W/QLX\" /opt/ZOR/QLX\n";
     for (const auto& [target, dir] : trees_) {
-        s += "ensure_dir " + quote(target) + "\nmount --bind " + quote(dir) + " " + quote(target) + "\n";
+        s += "ensure_dir " + shellQuote(target) + "\nmount --bind " + shellQuote(dir) + " " + shellQuote(target) + "\n";
     }
     for (const std::string& target : hiddenPaths_) {
         const std::string parent = target.substr(0, target.rfind('/'));
-        s += "case $shadowed in *\":" + parent + ":\"*) ;; *) shadow " + quote(parent) + " ;; esac\nrm -f " +
-             quote(target) + "\n";
+        s += "case $shadowed in *\":" + parent + ":\"*) ;; *) shadow " + shellQuote(parent) + " ;; esac\nrm -f " +
+             shellQuote(target) + "\n";
     }
     // /sbin comes last: the set-up itself needs no /sbin tool after this point.
     if (!fakes_.empty() || !hidden_.empty()) {
         s += "S=$(readlink -f /sbin)\ncase $shadowed in *\":$S:\"*) ;; *) shadow \"$S\" ;; esac\n";
-        for (const std::string& name : hidden_) s += "rm -f \"$S\"/" + quote(name) + "\n";
-        for (const std::string& name : fakes_) s += "ln -sf \"$W/fakes/\"" + quote(name) + " \"$S\"/" + quote(name) + "\n";
+        for (const std::string& name : hidden_) s += "rm -f \"$S\"/" + shellQuote(name) + "\n";
+        for (const std::string& name : fakes_) s += "ln -sf \"$W/fakes/\"" + shellQuote(name) + " \"$S\"/" + shellQuote(name) + "\n";
     }
     const std::string bin = emptyInstall_ ? kPrefixAgent + "/bin/" : "/opt/ZOR/QLX/agent/bin/";
     // faketime's preload comes before the sanitizer runtime of an ASan build.
     s += "cd /\nset +e\nexport ASAN_OPTIONS=verify_asan_link_order=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}\n";
-    if (!umask_.empty()) s += "umask " + quote(umask_) + "\n";
+    if (!umask_.empty()) s += "umask " + shellQuote(umask_) + "\n";
     std::string command = "PATH=\"$W/fakes:$PATH\" env -u LC_ALL -u LC_MESSAGES -u LANG";
-    for (const auto& [name, value] : env_) command += " " + quote(name + "=" + value);
+    for (const auto& [name, value] : env_) command += " " + shellQuote(name + "=" + value);
     command += " timeout -s KILL 240";
-    if (!faketime_.empty()) command += " faketime -f " + quote(faketime_);
-    command += " \"$W/launch\" " + quote(program[0] == '/' ? program : bin + program);
-    for (const std::string& arg : args) command += " " + quote(arg);
+    if (!faketime_.empty()) command += " faketime -f " + shellQuote(faketime_);
+    command += " \"$W/launch\" " + shellQuote(program[0] == '/' ? program : bin + program);
+    for (const std::string& arg : args) command += " " + shellQuote(arg);
     // script gives the program a terminal and passes its exit status on (-e).
-    if (terminal_) command = "export W\nscript -qec " + quote(command) + " /dev/null";
+    if (terminal_) command = "export W\nscript -qec " + shellQuote(command) + " /dev/null";
     return s + command + " </dev/null >\"$W/out\" 2>\"$W/err\"\necho $? >\"$W/status\"\n";
 }
 
 RunResult NamespaceHarness::run(const std::vector<std::string>& args, const std::string& program) {
     for (const char* name : {"status", "out", "err"}) unlink(root_.file(name).c_str());
     testfiles::writeFile(root_.file("run.sh"), script(program, args));
-    const int rc = shellStatus("unshare -m --propagation private /bin/sh " + quote(root_.file("run.sh")) + " >" +
-                               quote(root_.file("setup.log")) + " 2>&1");
+    const int rc = shellStatus("unshare -m --propagation private /bin/sh " + shellQuote(root_.file("run.sh")) + " >" +
+                               shellQuote(root_.file("setup.log")) + " 2>&1");
     RunResult result;
     const std::string status = readFile(root_.file("status"));
     if (status.empty()) {

@@ -87,6 +87,13 @@ private:
     std::string umask_;
 };
 
+// text as one word of a POSIX shell command line.
+inline std::string shellQuote(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
 // Fixture base of the end-to-end tests: skips (never fails) where the namespace is refused.
 class E2eTest : public ::testing::Test {
 protected:

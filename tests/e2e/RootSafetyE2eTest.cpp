@@ -33,10 +33,6 @@ const std::regex kEntryStart(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [A-Z]{3}\
 class AttackedRescan {
 public:
     explicit AttackedRescan(const std::string& attack) {
-        testfiles::writeFile(host.makeHostDir("proc_scsi") + "/scsi", "Attached devices:\n");
-        testfiles::writeFile(scsi_ + "/scan", "");
-        host.placeTree("/proc/scsi", host.makeHostDir("proc_scsi"));
-        host.placeTree("/sys/class/scsi_host", host.makeHostDir("scsi_host"));
         host.addFakeTool("sleep", "");
         host.addFakeTool("rpm", "[ -s " + pidFile_ + " ] || {\n" + kFindPlanner + "echo $p > " + pidFile_ + "\n" +
                                     kAsAttacker + shellQuote(attack) + " attacker $p\n}\necho 'package is not installed'\nexit 1");
@@ -50,7 +46,7 @@ public:
     RunResult run() {
         RunResult r = host.run({"-multipath", "5"});
         EXPECT_EQ(0, r.exitStatus) << r.describe();
-        EXPECT_EQ("- - -\n", readFile(scsi_ + "/scan")) << "the scan ran";
+        EXPECT_EQ("- - -\n", readFile(scan_)) << "the scan ran";
         return r;
     }
     std::string pid() const {
@@ -78,7 +74,7 @@ public:
     NamespaceHarness host;
 
 private:
-    std::string scsi_ = host.makeHostDir("scsi_host/host0");
+    std::string scan_ = placeScsi(&host);
     std::string pidFile_ = host.makeHostDir("planner") + "/pid";
 };
 
@@ -172,17 +168,15 @@ TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnother) {
     }
 }
 
-// The vendor driver with lunctl answering from listings built out of the captured ones.
+// The vendor driver, its device query answered with devices.
 class VendorHost {
 public:
     explicit VendorHost(const std::string& devices) {
+        installDrivers(&host, true, false);
         const std::string dir = host.makeHostDir("lunctl");
         testfiles::writeFile(dir + "/query-device", devices);
         testfiles::writeFile(dir + "/query-wwpn", testfiles::testData("Multipath/data/lunctl-query-wwpn.txt"));
-        host.addFakeTool("lunctl", "case \"$1\" in\n  query) cat " + dir + "/query-$2 ;;\n  set) exit 0 ;;\nesac");
-        host.addFakeTool("rpm", "case \"$*\" in\n  '-q ZORzpl') echo ZORzpl-1.6.2.0-1 ;;\n  -qa) ;;\n"
-                                "  *) echo \"package $2 is not installed\"; exit 1 ;;\nesac");
-        host.hideSbinTool("multipath");
+        host.addFakeTool("lunctl", "[ \"$1\" = query ] && cat " + dir + "/query-$2\nexit 0");
     }
     NamespaceHarness host;
 };

@@ -31,7 +31,6 @@ TEST_F(RunFlowE2eTest, RequestsEndingBeforeTheActionExitWithTheirStatus) {
         {{"-multipath", "\"7\";\"dev1\""}, 5, "AGT0429I", true, ""},  // quotes removed: setting 7
         {{"-multipath", "7;dev1"}, 5, "/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 7;dev1", true, ""},
         {{"-multipath", "2"}, 6, "AGT0429I", true, ""},
-        {{"-multipath", "0;dev1"}, 6, "AGT0429I", true, ""},
         {{}, 6, "AGT0272E", true, ""},
     };
     for (const auto& c : cases) {

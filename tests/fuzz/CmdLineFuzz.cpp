@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
-#include "Common/AgentTrace.h"
 #include "Common/CmdArgs.h"
 #include "Multipath/MultipathDriver.h"
 #include "PathPlanner/ExecPathPlanner.h"
+#include "tests/fuzz/FuzzTrace.h"
 
 namespace {
 
@@ -31,11 +31,6 @@ std::vector<std::string> splitArguments(const uint8_t* data, size_t size) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    initTrace("/dev/null", "MAX", 1024);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<std::string> words = splitArguments(data, size);

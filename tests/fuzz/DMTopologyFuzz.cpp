@@ -8,16 +8,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Common/AgentTrace.h"
 #include "Multipath/linux/DMMapView.h"
 #include "Multipath/linux/DMTopologyParser.h"
 #include "PathPlanner/topology/TopologyFormat.h"
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Every trace record is formatted too, so a bad format argument shows up here.
-    initTrace("/dev/null", "MAX", 1024);
-    return 0;
-}
+#include "tests/fuzz/FuzzTrace.h"
 
 namespace {
 

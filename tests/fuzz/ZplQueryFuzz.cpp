@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
-#include "Common/AgentTrace.h"
 #include "Multipath/linux/MultipathZPLLinux.h"
+#include "tests/fuzz/FuzzTrace.h"
 
 namespace {
 
@@ -59,12 +59,6 @@ std::vector<std::string> consumeWords(FuzzedDataProvider* input, size_t most) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    // Every trace record is formatted too, so a bad format argument shows up here.
-    initTrace("/dev/null", "MAX", 1024);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider input(data, size);

@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Judges the outputs of one lab run (see guest-*.sh): prints each check and its
 verdict, the steps' outputs that matter, and exits 1 when any check failed."""
+import glob
 import json
+import os
 import re
 import sys
 
@@ -86,7 +88,6 @@ def path_switch():
     topology = validated("topology", "topology-v2.schema.json")
     if topology is None:
         return
-    show("topology")
     compare_with_listings(topology)
     paths = tool_paths(topology)
     for dev, p in paths.items():
@@ -96,9 +97,6 @@ def path_switch():
     before = shown_paths("paths-before")
     check("all paths active before", all(p["dm"] == "active" for p in before.values()), before)
 
-    show("paths-before")
-    show("offline")
-    show("paths-offline")
     result = validated("offline", "path-switch-result.schema.json")
     check("--offline exit 0", status("offline") == 0)
     check("--offline changed exactly adapter 0's paths",
@@ -107,7 +105,6 @@ def path_switch():
     check("multipathd: adapter 0's paths failed, the others active",
           all((p["dm"] == "failed") == (d in port0) for d, p in after.items()), after)
 
-    show("refusal")
     check("last-path refusal exit 174", status("refusal") == 174)
     check("refusal is one line naming the maps",
           read("refusal", "err").count("\n") == 1 and all(m["name"] in read("refusal", "err") for m in topology["maps"]),
@@ -117,16 +114,12 @@ def path_switch():
     check("refusal changed nothing", dm_states(shown_paths("paths-refused")) == dm_states(after),
           shown_paths("paths-refused"))
     later = shown_paths("paths-later")
-    show("paths-later")
     check("failed paths stay failed past the path checker",
           all((p["dm"] == "failed") == (d in port0) for d, p in later.items()), later)
 
-    show("online")
-    show("paths-after")
     check("--online exit 0", status("online") == 0)
     check("--online brings every path back", all(p["dm"] == "active" for p in shown_paths("paths-after").values()))
     log = read("activity", "log")
-    print("--- activity.log\n" + log.rstrip())
     for dev in port0:
         check(f"log: {dev} offline and online",
               re.search(rf"AGT0470I User root set the path {dev} of", log) is not None and
@@ -139,10 +132,6 @@ def queueing():
     after = validated("topology-after", "topology-v2.schema.json")
     if before is None or after is None:
         return
-    show("table-before")
-    show("switch")
-    show("table-after")
-    show("switch-again")
     check("maps queue before", all(m["queueing"] is True for m in before["maps"]) and before["maps"], before)
     result = validated("switch", "path-switch-result.schema.json")
     check("--fail-if-no-path exit 0", status("switch") == 0)
@@ -155,6 +144,10 @@ def queueing():
     check("second run succeeds", status("switch-again") == 0 and re.search(r"\bfailed\b", read("switch-again")) is None)
 
 
+# Every step's output first, in the order the steps ran, then the verdicts.
+for step in sorted(glob.glob(f"{OUT}/*.rc"), key=os.path.getmtime):
+    show(os.path.basename(step)[:-3])
+print("--- activity.log\n" + read("activity", "log").rstrip())
 {"path-switch": path_switch, "queueing": queueing}[SCENARIO]()
 print(f"{len(failures)} of the checks failed" if failures else "all checks passed")
 sys.exit(1 if failures else 0)

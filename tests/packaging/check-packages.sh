@@ -22,10 +22,9 @@ dpkg_cycle() {
   echo "== dpkg -i $(basename "$deb")"
   dpkg --log=/dev/null -i "$deb"
   [ "$("$agent/bin/PathPlanner" -version)" = "$version" ] || fail "PathPlanner -version"
-  echo "PathPlanner -version: $("$agent/bin/PathPlanner" -version)"
-  [ "$(man -w PathPlanner)" = /usr/share/man/man8/PathPlanner.8.gz ] || fail "man -w PathPlanner: $(man -w PathPlanner)"
-  echo "man -w PathPlanner: $(man -w PathPlanner)"
-  man -w PathPlannerTopology >/dev/null || fail "man -w PathPlannerTopology"
+  for page in PathPlanner PathPlannerTopology; do
+    [ "$(man -w $page)" = /usr/share/man/man8/$page.8.gz ] || fail "man -w $page: $(man -w $page)"
+  done
   logrotate -d /etc/logrotate.d/pathplanner >/dev/null 2>&1 || fail "logrotate rejects its rule"
   bash -c '. /usr/share/bash-completion/bash_completion
            . /usr/share/bash-completion/completions/PathPlanner
@@ -39,13 +38,11 @@ dpkg_cycle() {
   [ ! -e "$agent/bin/PathPlanner" ] || fail "bin/PathPlanner left after remove"
   [ -s "$agent/log/multipath.log" ] || fail "activity log gone after remove"
   [ -e /etc/logrotate.d/pathplanner ] || fail "logrotate rule (a conffile) gone after remove"
-  echo "after remove: $(ls "$agent/log")"
 
   echo "== dpkg -P pathplanner"
   dpkg --log=/dev/null -P pathplanner
   [ ! -e "$agent/log" ] || fail "log/ left after purge"
   [ ! -e /etc/logrotate.d/pathplanner ] || fail "logrotate rule left after purge"
-  echo "after purge: $(ls -A /opt/ZOR/QLX 2>/dev/null | wc -l) entries left under /opt/ZOR/QLX"
 }
 
 # Runs dpkg_cycle in a private mount namespace (see the header).
@@ -65,8 +62,8 @@ sandboxed_cycle() {
     exec "$@"' sandbox "$work" "$0" --cycle "$deb"
 }
 
+version=$(sed -n 's/^project(PathPlanner VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 if [ "${1:-}" = --cycle ]; then
-  version=$(sed -n 's/^project(PathPlanner VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
   dpkg_cycle "$2"
   exit 0
 fi
@@ -75,7 +72,6 @@ if [ "${1:-}" = --sandbox ]; then sandbox=yes; shift; fi
 
 ./deps.sh test
 ./package.sh "$@"
-version=$(sed -n 's/^project(PathPlanner VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 dir=$root/build-package/packages
 deb=$dir/pathplanner_${version}_$(dpkg --print-architecture).deb
 rpm=$dir/pathplanner-${version}.$(uname -m).rpm
@@ -84,7 +80,6 @@ rpm=$dir/pathplanner-${version}.$(uname -m).rpm
 
 echo "== lintian $(basename "$deb")"
 lintian --fail-on error --display-level '>=info' "$deb" || fail "lintian reports errors"
-echo "lintian: no errors"
 
 echo "== dpkg-deb --info / --contents"
 dpkg-deb --field "$deb" Package Version Architecture Maintainer Depends Suggests
@@ -93,7 +88,6 @@ dpkg-deb --contents "$deb" | awk '{print $1, $6}'
 echo "== rpm -qpi / -qpl / -qpR $(basename "$rpm")"
 rpm -qp --queryformat '%{NAME} %{VERSION}-%{RELEASE} %{ARCH} vendor: %{VENDOR} packager: %{PACKAGER}\n' "$rpm"
 files=$(rpm -qpl "$rpm")
-echo "$files"
 for f in /opt/ZOR/QLX/agent/bin/PathPlanner /opt/ZOR/QLX/agent/bin/PathPlannerTopology \
          /opt/ZOR/QLX/agent/log /opt/ZOR/QLX/agent/nls/en_US/qlxna.cat /opt/ZOR/QLX/agent/nls/de_DE/qlxna.cat \
          /usr/share/man/man8/PathPlanner.8.gz /usr/share/man/man8/PathPlannerTopology.8.gz \
@@ -106,7 +100,6 @@ for f in /opt /etc /etc/logrotate.d /usr/share/man/man8 /usr/share/bash-completi
   grep -qxF -- "$f" <<<"$files" && fail "rpm -qpl claims $f"
 done
 requires=$(rpm -qpR "$rpm")
-echo "$requires"
 for r in bash coreutils diffutils grep /usr/bin/awk sed rpm; do
   expect_line "rpm -qpR" "$requires" "$r"
 done
@@ -127,7 +120,6 @@ echo "AGT0430I" > "$rpmroot/opt/ZOR/QLX/agent/log/multipath.log"
 rpm --root "$rpmroot" -e pathplanner 2>/dev/null
 [ ! -e "$rpmroot/opt/ZOR/QLX/agent/bin/PathPlanner" ] || fail "rpm -e left bin/PathPlanner"
 [ -s "$rpmroot/opt/ZOR/QLX/agent/log/multipath.log" ] || fail "rpm -e removed the logs"
-echo "rpm -i / -e in a throwaway root: files unpacked, logs kept on erase"
 
 if [ "$sandbox" = yes ]; then
   sandboxed_cycle

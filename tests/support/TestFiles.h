@@ -27,10 +27,6 @@ inline void writeFile(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-inline void appendFile(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::app) << text;
-}
-
 inline bool fileExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
 }
