@@ -58,7 +58,7 @@ TEST_F(ExecPathPlannerTest, ValidateArgsStoresOrRefusesTheRequest) {
         const std::string input = ::testing::PrintToString(c.tokens);
         MultipathRequest request;
         EXPECT_EQ(c.rc, validateArgs(c.tokens, &request)) << input;
-        if (c.rc == RC_OK) EXPECT_EQ(c.stored.setting, request.setting) << input;
+        if (c.rc == RC_OK) { EXPECT_EQ(c.stored.setting, request.setting) << input; }
         EXPECT_EQ(c.stored.devices, request.devices) << input;
         EXPECT_EQ(c.stored.wwpns, request.wwpns) << input;
         EXPECT_THAT(trace.text(), HasSubstr(c.trace)) << input;
@@ -111,7 +111,7 @@ TEST_F(ExecPathPlannerTest, WalkTheBusReturnsVehicleResultUnlessStopped) {
         EXPECT_CALL(planner, getWalkTheBusVehicle()).WillOnce(Return(ByMove(std::move(vehicle))));
         EXPECT_EQ(stop ? RC_CANCELLED : 42, runRequestedAction(&planner, {kSettingWalkTheBus, {}, {}}));
         EXPECT_THAT(log.text(), HasSubstr(stop ? "AGT0445I" : "AGT0459I"));
-        if (stop) EXPECT_THAT(trace.text(), HasSubstr("PathPlanner cancelled due to Agent stop signal\n"));
+        if (stop) { EXPECT_THAT(trace.text(), HasSubstr("PathPlanner cancelled due to Agent stop signal\n")); }
     }
 }
 

@@ -150,7 +150,7 @@ TEST_F(MultipathDMLinuxTest, TopologyListingFailures) {
         EXPECT_EQ(result.sysErr, c.err);
         EXPECT_TRUE(topology.empty()) << c.traced;
         EXPECT_THAT(trace.text(), HasSubstr(c.traced));
-        if (c.outcome == DmListingStatus::kEmpty) EXPECT_EQ(log.text(), "");
+        if (c.outcome == DmListingStatus::kEmpty) { EXPECT_EQ(log.text(), ""); }
     }
 }
 

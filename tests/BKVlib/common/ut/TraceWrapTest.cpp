@@ -69,7 +69,7 @@ TEST_F(TraceWrapTest, WrapPointWalkedByteByByteKeepsHistoryAcrossTheNextStart) {
         ASSERT_EQ(kMiB - kSlack - before, recordedOffset(readFile(path_))) << before;
         put(last);
         std::string text = readFile(path_);
-        if (before == 60) EXPECT_EQ(kMiB - kSlack, recordedOffset(text));
+        if (before == 60) { EXPECT_EQ(kMiB - kSlack, recordedOffset(text)); }
         if (before == 59) {
             EXPECT_EQ("\nContinued at beginning of file\n\n", text.substr(kMiB - kSlack - 59, 33));
             EXPECT_EQ(last + "\n" + kEnd, text.substr(text.find('\n') + 2, 60 + kEnd.size()));
