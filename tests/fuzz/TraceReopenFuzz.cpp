@@ -4,6 +4,7 @@
 // bytes, padded with a chosen run of zero bytes so that recorded offsets can land
 // near the limits, are the file's contents; records and entries are then written.
 #include <fuzzer/FuzzedDataProvider.h>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,9 +58,20 @@ void reopenLog(const std::string& contents, off_t padding) {
     utCloseLog(&log);
 }
 
+// Emptied after every input: a wrapped log saves what it drops beside itself, and
+// those saves would otherwise pile up in memory-backed /dev/shm for the whole run.
 void removeFiles() {
-    unlink((gDir + "/multipath.trace").c_str());
-    unlink((gDir + "/multipath.log").c_str());
+    DIR* dir = opendir(gDir.c_str());
+    if (!dir) return;
+    while (const dirent* entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name != "." && name != "..") unlink((gDir + "/" + name).c_str());
+    }
+    closedir(dir);
+}
+
+void removeDirectory() {
+    removeFiles();
     rmdir(gDir.c_str());
 }
 
@@ -69,7 +81,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     char pattern[] = "/dev/shm/pp-reopen-fuzz-XXXXXX";
     if (!mkdtemp(pattern)) abort();
     gDir = pattern;
-    atexit(removeFiles);
+    atexit(removeDirectory);
     return 0;
 }
 
@@ -83,5 +95,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } else {
         reopenTrace(contents, padding);
     }
+    removeFiles();
     return 0;
 }
