@@ -13,6 +13,10 @@ cmake -S . -B build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWith
       -DPP_FUZZ=ON -DPP_BUILD_BENCH=OFF >/dev/null
 cmake --build build-fuzz -j"$(nproc)" --target catalogs "${targets[@]}"
 rm -rf build-fuzz/seeds
+# A run that ended on a crash or timeout skipped its clean-up; its scratch folder in
+# memory-backed /dev/shm would hold on to memory until the next boot. A running
+# target touches its folder with every input, so only idle folders go.
+find /dev/shm -maxdepth 1 -name 'pp-reopen-fuzz-*' -mmin +10 -exec rm -rf {} +
 tests/fuzz/seeds.sh build-fuzz/seeds build-fuzz/messages/en_US
 for target in "${targets[@]}"; do
     dict=()
