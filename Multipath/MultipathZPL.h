@@ -107,7 +107,7 @@ private:
     int32_t changePath(int32_t devId, const std::string& device, const std::string& wwpn,
                        const std::string& stateWord);
 
-    int32_t zplStatus_ = 1;  // reserved status word
+    [[maybe_unused]] int32_t zplStatus_ = 1;  // reserved status word; nothing reads it
     std::string deviceQuery_;
     std::string wwpnQuery_;
     std::string version_;
