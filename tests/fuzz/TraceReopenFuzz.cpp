@@ -58,8 +58,8 @@ void reopenLog(const std::string& contents, off_t padding) {
     utCloseLog(&log);
 }
 
-// Emptied after every input: a wrapped log saves what it drops beside itself, and
-// those saves would otherwise pile up in memory-backed /dev/shm for the whole run.
+// Emptied after every input: a log converted to a wrapping one keeps its old lines in
+// a .sav file beside it, and those would pile up in memory-backed /dev/shm all run long.
 void removeFiles() {
     DIR* dir = opendir(gDir.c_str());
     if (!dir) return;
