@@ -4,7 +4,6 @@
 // bytes, padded with a chosen run of zero bytes so that recorded offsets can land
 // near the limits, are the file's contents; records and entries are then written.
 #include <fuzzer/FuzzedDataProvider.h>
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -59,15 +58,11 @@ void reopenLog(const std::string& contents, off_t padding) {
 }
 
 // Emptied after every input: a log converted to a wrapping one keeps its old lines in
-// a .sav file beside it, and those would pile up in memory-backed /dev/shm all run long.
+// multipath.log.sav, which would otherwise grow in memory-backed /dev/shm all run long.
 void removeFiles() {
-    DIR* dir = opendir(gDir.c_str());
-    if (!dir) return;
-    while (const dirent* entry = readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name != "." && name != "..") unlink((gDir + "/" + name).c_str());
+    for (const char* name : {"/multipath.trace", "/multipath.log", "/multipath.log.sav"}) {
+        unlink((gDir + name).c_str());
     }
-    closedir(dir);
 }
 
 void removeDirectory() {
