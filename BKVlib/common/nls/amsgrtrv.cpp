@@ -145,6 +145,12 @@ void openLocal(const char* dir, const char* catalogName, std::string* languageOu
     std::string lang = gForcedLanguage.empty() ? localeLanguage(gNls.settings.clientType) : gForcedLanguage;
     *languageOut = lang;
     gCurrentLanguage = lang;
+    // English asked for, from the file the English catalogue already has open:
+    // one handle serves both, as it does after a fallback.
+    if (lang == "en_US" && gNls.englishCatalogName == catalogName && gNls.englishCat != kNoCat) {
+        gNls.localCat = gNls.englishCat;
+        return;
+    }
     if (openCat(dir, lang.c_str(), catalogName, &gNls.localCat) == RC_OK) return;
     gCurrentLanguage = "en_US";
     gNls.localCat = gNls.englishCat;
