@@ -1,5 +1,7 @@
 #include "Multipath/linux/DMTopologyParser.h"
 
+#include <algorithm>
+#include <random>
 #include <regex>
 #include <sstream>
 #include <tuple>
@@ -11,8 +13,6 @@ namespace {
 using Lines = std::vector<std::string>;
 using ::testing::HasSubstr;
 
-const char kDriverText[] = "Device Mapper Multipath Version 0.9.4-3";
-
 std::string fixture(const std::string& name) { return testfiles::testData("Multipath/linux/data/" + name); }
 
 // One record as one line, so a table row and a failure message read alike.
@@ -22,11 +22,18 @@ std::string describe(const PathRecord& r) {
            " disk=" + r.disk + " group=" + std::to_string(r.group) + (r.preferred ? " preferred" : "");
 }
 
-Lines parse(const std::string& listing) {
+Topology topologyOf(std::string_view listing) {
     Topology topology;
-    dmParseTopology(listing, kDriverText, &topology);
+    dmParseTopology(listing, "Device Mapper Multipath Version 0.9.4-3", &topology);
+    return topology;
+}
+
+Lines parse(const std::string& listing) {
     Lines lines;
-    for (const auto& entry : topology) lines.push_back(describe(*entry.second));
+    for (const auto& entry : topologyOf(listing)) {
+        EXPECT_EQ(entry.first, entry.second->device);
+        lines.push_back(describe(*entry.second));
+    }
     return lines;
 }
 
@@ -66,6 +73,13 @@ TEST(DMTopologyParserTest, PathLineFields) {
         {"  `- 1a:0:0:10 sda 8:0 active ready running", "sda 26:0:0:16 mode=running state=ready"},
         {"  `- 0:1:ff:ffff sda 8:0 active ready running", "sda 0:1:255:65535 mode=running state=ready"},
         {"  `- 0:0:0:10000 sda 8:0 active ready running", "sda 0:0:0:0 mode=running state=ready"},
+        // Numbers are read without the C library, but as it would read them; nine digits
+        // are cut to 16 bits (ten would make a WWID).
+        {"  `- 0x1f:0:0X10:0 sda 8:0 active ready running", "sda 31:0:16:0 mode=running state=ready"},
+        {"  `- fffffffff:0:0:0 sda 8:0 active ready running", "sda 65535:0:0:0 mode=running state=ready"},
+        {"  `- 0:0:-1:0 sda 8:0 active ready running", "sda 0:0:4294967295:0 mode=running state=ready"},
+        {"  `- 0:0: 7:0 sda 8:0 active ready running", "sda 0:0:7:0 mode=running state=ready"},
+        {"  `- a:0:0:0g sda 8:0 active ready running", "sda 10:0:0:0 mode=running state=ready"},
         {"  `- 0:0:0:0 sda 8:0 failed faulty offline", "sda 0:0:0:0 mode=offline state=faulty"},
         {"  `- 0:0:0:0 sda 8:0 active i/o pending running", "sda 0:0:0:0 mode=active state=i/o"},
         {"  `- 0:0:0:0 sda 8:0 ready active", "sda 0:0:0:0 mode=active state=ready"},
@@ -87,34 +101,58 @@ TEST(DMTopologyParserTest, PathLineFields) {
     }
 }
 
-// Signs and 16-bit cuts of the priority itself are DMTopologyScanTest's.
+// Groups as "prio:paths" in the bracketed layout, one "p" per path sda, sdb, ...
+std::string bracketed(const std::string& groups) {
+    std::string listing = "m (0123456789abcdef)\n";
+    char device = 'a';
+    std::istringstream in(groups);
+    for (std::string group; in >> group;) {
+        std::string prio = group.substr(0, group.find(':'));
+        listing += prio == "first" ? "\\_ rr 0 [active][first]\n" : "\\_ rr 0 [prio=" + prio + "][active]\n";
+        for (size_t p = group.find(':') + 1; p < group.size(); ++p) {
+            listing += std::string(" \\_ 1:0:0:1 sd") + device++ + " 8:0 [active][ready]\n";
+        }
+    }
+    return listing;
+}
+
+// A tree-layout map: group 1 has path a at prio 10, group 2 path b at secondPrio.
+std::string mapWithGroups(const std::string& name, const std::string& secondPrio, const std::string& a,
+                          const std::string& b) {
+    return name + " (360000000000000000000" + name.substr(name.size() - 1) + ") dm-0 V,P\n" +
+           "size=1G features='0' hwhandler='0' wp=rw\n"
+           "|-+- policy='service-time 0' prio=10 status=active\n"
+           "| `- 0:0:0:1 " + a + " 8:0 active ready running\n"
+           "`-+- policy='service-time 0' prio=" + secondPrio + " status=enabled\n"
+           "  `- 1:0:0:1 " + b + " 8:16 active ready running\n";
+}
+
+// Marks go by group number alone, so each map's best group is marked in every map.
 TEST(DMTopologyParserTest, BestGroupIsPathsTimesPriority) {
-    const char* cases[][3] = {  // name, groups ("prio:paths", one "p" per path sda..), preferred
-        {"tie keeps the earlier group", "2:p 1:pp", "sda"},
-        {"more paths outweigh a higher priority", "2:p 1:ppp", "sdb sdc sdd"},
-        {"32768 wraps negative", "32768:p 1:p", "sdb"},
-        {"first group weighs 1000", "999:p first:p", "sdb"},
-        {"1000 is beaten by 1001", "first:p 1001:p", "sdb"},
-        {"priority read as decimal", "010:p 9:p", "sda"},
+    const std::string prio50 = mapWithGroups("mpatha", "50", "sda", "sdb");
+    const struct { const char* label; std::string listing; const char* preferred; } cases[] = {
+        {"tie keeps the earlier group", bracketed("2:p 1:pp"), "sda"},
+        {"more paths outweigh a higher priority", bracketed("2:p 1:ppp"), "sdb sdc sdd"},
+        {"32768 wraps negative", bracketed("32768:p 1:p"), "sdb"},
+        {"first group weighs 1000", bracketed("999:p first:p"), "sdb"},
+        {"1000 is beaten by 1001", bracketed("first:p 1001:p"), "sdb"},
+        {"priority read as decimal", bracketed("010:p 9:p"), "sda"},
+        {"heavier", prio50, "sdb"},
+        {"signed", mapWithGroups("mpatha", "+50", "sda", "sdb"), "sdb"},
+        {"negative", mapWithGroups("mpatha", "-50", "sda", "sdb"), "sda"},
+        {"nine digits, cut to 16 bits", mapWithGroups("mpatha", "999999999", "sda", "sdb"), "sda"},
+        {"cut to 16 bits", mapWithGroups("mpatha", "70000", "sda", "sdb"), "sdb"},
+        // The same name twice keeps one set of weights: the later group 2 (prio 1)
+        // replaces the earlier (prio 50), so group 1 is mpatha's best and only mark.
+        {"repeated name", prio50 + mapWithGroups("mpatha", "1", "sdc", "sdd"), "sda sdc"},
+        {"other name", prio50 + mapWithGroups("mpathb", "1", "sdc", "sdd"), "sda sdb sdc sdd"},
     };
     for (const auto& c : cases) {
-        std::string listing = "m (0123456789abcdef)\n";
-        char device = 'a';
-        std::istringstream groups(c[1]);
-        for (std::string group; groups >> group;) {
-            std::string prio = group.substr(0, group.find(':'));
-            listing += prio == "first" ? "\\_ rr 0 [active][first]\n" : "\\_ rr 0 [prio=" + prio + "][active]\n";
-            for (size_t p = group.find(':') + 1; p < group.size(); ++p) {
-                listing += std::string(" \\_ 1:0:0:1 sd") + device++ + " 8:0 [active][ready]\n";
-            }
-        }
-        Topology topology;
-        dmParseTopology(listing, kDriverText, &topology);
         std::string marked;
-        for (const auto& entry : topology) {
+        for (const auto& entry : topologyOf(c.listing)) {
             if (entry.second->preferred) marked += (marked.empty() ? "" : " ") + entry.first;
         }
-        EXPECT_EQ(marked, c[2]) << c[0];
+        EXPECT_EQ(marked, c.preferred) << c.label;
     }
 }
 
@@ -162,13 +200,12 @@ TEST(DMTopologyParserTest, OutOfRangeLineIsTracedAndSkipped) {
 // address, map and group.
 TEST(DMTopologyParserTest, TruncatedAtEveryByte) {
     std::string listing = fixture("multipath-ll-v2.two-maps.stdout");
-    Topology whole;
-    dmParseTopology(listing, kDriverText, &whole);
+    Topology whole = topologyOf(listing);
     auto key = [](const PathRecord& r) { return std::make_tuple(r.host, r.channel, r.lun, r.disk, r.group); };
     for (size_t cut = 0; cut <= listing.size(); ++cut) {
-        Topology part;
-        dmParseTopology(std::string_view(listing).substr(0, cut), kDriverText, &part);
-        for (const auto& entry : part) EXPECT_EQ(key(*entry.second), key(*whole.at(entry.first))) << cut;
+        for (const auto& entry : topologyOf(std::string_view(listing).substr(0, cut))) {
+            EXPECT_EQ(key(*entry.second), key(*whole.at(entry.first))) << cut;
+        }
     }
 }
 
@@ -176,6 +213,46 @@ TEST(DMTopologyParserTest, TableQueuesOnFirstLineOnly) {
     EXPECT_TRUE(dmTableQueues(fixture("dmsetup-table.queueing.stdout")));
     EXPECT_FALSE(dmTableQueues(fixture("dmsetup-table.plain.stdout")));
     EXPECT_FALSE(dmTableQueues("\n0 1 multipath 1 queue_if_no_path 0 1 1 round-robin 0 1 1 8:0 1000\n"));
+}
+
+// Map headers are found by probing for a WWID: runs that straddle, start on or end on
+// a probed character, after text that is itself partly hex ('x' is not, 'e' is).
+TEST(DMTopologyParserTest, WwidRunFoundAtEveryOffsetAndLength) {
+    for (char filler : {'x', 'e'}) {
+        for (size_t offset = 0; offset < 24; ++offset) {
+            for (size_t length : {1, 8, 9, 10, 11, 19, 20, 21}) {
+                std::string header = std::string(offset, filler);
+                for (size_t i = 0; i < length; ++i) header += "0123456789abcdefABCDEF"[i % 22];
+                const Topology topology = topologyOf(header + " tail\n  `- 0:0:0:1 sda 8:0 active ready running\n");
+                ASSERT_EQ(topology.size(), 1u);
+                // Without a map name in front the name is the run from its start.
+                const bool isHeader = length + (filler == 'e' ? offset : 0) >= 10;
+                EXPECT_EQ(topology.at("sda")->disk, isHeader ? header.substr(filler == 'e' ? 0 : offset) : "")
+                    << "filler " << filler << " offset " << offset << " length " << length;
+            }
+        }
+    }
+}
+
+// Map names are numbered in a table and records placed in their map by hint: neither
+// may depend on the order the maps are listed in.
+TEST(DMTopologyParserTest, RecordsDoNotDependOnListingOrder) {
+    std::vector<std::string> maps;
+    for (int i = 0; i < 300; ++i) {
+        const std::string n = std::to_string(i);
+        maps.push_back(mapWithGroups("mpath" + n, std::to_string(i % 7 * 10), "sd" + n + "x", "sd" + n));
+    }
+    std::string inOrder;
+    for (const std::string& map : maps) inOrder += map;
+    const Lines expected = parse(inOrder);
+    ASSERT_EQ(expected.size(), 600u);
+    std::mt19937 random(7);
+    for (int round = 0; round < 3; ++round) {
+        std::shuffle(maps.begin(), maps.end(), random);
+        std::string shuffled;
+        for (const std::string& map : maps) shuffled += map;
+        EXPECT_EQ(parse(shuffled), expected) << "round " << round;
+    }
 }
 
 }  // namespace
