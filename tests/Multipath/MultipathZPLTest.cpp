@@ -19,12 +19,7 @@ const char kHost3[] = "10:00:00:00:c9:5a:3b:11";
 const char kHost4[] = "21:00:00:e0:8b:12:ab:cd";
 
 CommandResult answer(int32_t rc, const std::string& out = "", const std::string& err = "") {
-    CommandResult result;
-    result.created = true;
-    result.rc = rc;
-    result.out = out;
-    result.err = err;
-    return result;
+    return {true, rc, "", out, err};
 }
 
 // Answers each command line from a table (default: exit 0, no output) and records it.
@@ -49,29 +44,20 @@ protected:
     }
 };
 
-TEST(MultipathZPLTest, FindDevIdInBothHeaderStyles) {
-    const struct { std::string text; const char* device; Lookup outcome; int32_t id; } cases[] = {
-        {kDevices, "lundev12", Lookup::kFound, 12},
-        {kDevices, "60050768018101BF2800000000000022", Lookup::kFound, 1},
-        {kOlderDevices, "lundev1", Lookup::kFound, 1},
+// A device by its name or serial; with an adapter, the path on it after the device.
+TEST(MultipathZPLTest, FindDevIdAndPathIdInBothHeaderStyles) {
+    const struct { std::string text; const char* name; const char* adapter; Lookup outcome; int32_t id; } cases[] = {
+        {kDevices, "lundev12", nullptr, Lookup::kFound, 12},
+        {kDevices, "60050768018101BF2800000000000022", nullptr, Lookup::kFound, 1},
+        {kOlderDevices, "lundev1", nullptr, Lookup::kFound, 1},
         // "DEV#" is looked for before "Dev#": a "Dev#" block after a "DEV#" block
         // resolves to the earlier header; a leading "Dev#" block still resolves.
-        {kMixed, "lunA", Lookup::kFound, 4},
-        {kMixed, "lunC", Lookup::kFound, 5},
-        {kDevices, "lundev9", Lookup::kNoName, -1},
-        {"Total Devices : 1\nDEVICE NAME: lundev0\n", "lundev0", Lookup::kNoAnchor, -1},
-        {"DEV#: n/a   DEVICE NAME: lundev0\n", "lundev0", Lookup::kNotANumber, -1},
-        {"NAME: DEV#", "DEV#", Lookup::kNotANumber, -1},  // header at the very end: nothing to read
-    };
-    for (const auto& c : cases) {
-        zplText::IdLookup found = zplText::findDevId(c.text, c.device);
-        EXPECT_EQ(c.outcome, found.outcome) << c.device;
-        EXPECT_EQ(c.id, found.id) << c.device;
-    }
-}
-
-TEST(MultipathZPLTest, FindPathIdOnTheAdapterAfterTheDevice) {
-    const struct { std::string text; const char* serial; const char* adapter; Lookup outcome; int32_t id; } cases[] = {
+        {kMixed, "lunA", nullptr, Lookup::kFound, 4},
+        {kMixed, "lunC", nullptr, Lookup::kFound, 5},
+        {kDevices, "lundev9", nullptr, Lookup::kNoName, -1},
+        {"Total Devices : 1\nDEVICE NAME: lundev0\n", "lundev0", nullptr, Lookup::kNoAnchor, -1},
+        {"DEV#: n/a   DEVICE NAME: lundev0\n", "lundev0", nullptr, Lookup::kNotANumber, -1},
+        {"NAME: DEV#", "DEV#", nullptr, Lookup::kNotANumber, -1},  // header at the very end: nothing to read
         {kDevices, "lundev0", "host3", Lookup::kFound, 1},
         {kDevices, "lundev1", "host3", Lookup::kFound, 0},
         {kOlderDevices, "lundev1", "host2", Lookup::kFound, 1},
@@ -79,18 +65,11 @@ TEST(MultipathZPLTest, FindPathIdOnTheAdapterAfterTheDevice) {
         {kDevices, "lundev7", "host2", Lookup::kNoName, -1},
     };
     for (const auto& c : cases) {
-        zplText::IdLookup found = zplText::findPathId(c.text, c.serial, c.adapter);
-        EXPECT_EQ(c.outcome, found.outcome) << c.serial << " " << c.adapter;
-        EXPECT_EQ(c.id, found.id) << c.serial << " " << c.adapter;
+        zplText::IdLookup found =
+            c.adapter ? zplText::findPathId(c.text, c.name, c.adapter) : zplText::findDevId(c.text, c.name);
+        EXPECT_EQ(c.outcome, found.outcome) << c.name << " " << (c.adapter ? c.adapter : "");
+        EXPECT_EQ(c.id, found.id) << c.name << " " << (c.adapter ? c.adapter : "");
     }
-}
-
-TEST(MultipathZPLTest, UnknownWwpnChangesNoPath) {
-    fakes::TraceCapture trace;
-    ScriptedZPL zpl;
-    EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, zpl.setState(kSettingOffline, "lundev0", {"20:00:00:00:c9:ff:ff:ff"}));
-    EXPECT_EQ((Lines{"lunctl query device", "lunctl query wwpn"}), zpl.ran);
-    EXPECT_THAT(trace.text(), HasSubstr("getPathId() No match for <NULL>\n"));
 }
 
 TEST(MultipathZPLTest, PolicyAndStateWordsBySetting) {
@@ -144,6 +123,12 @@ TEST(MultipathZPLTest, SetStateFailuresAreCollected) {
     ScriptedZPL unknown;
     EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, unknown.setState(kSettingOnline, "nodev", {kHost2}));
     EXPECT_EQ(1u, unknown.ran.size());
+    // A WWPN no adapter has changes no path.
+    fakes::TraceCapture trace;
+    ScriptedZPL noPort;
+    EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, noPort.setState(kSettingOffline, "lundev0", {"20:00:00:00:c9:ff:ff:ff"}));
+    EXPECT_EQ((Lines{"lunctl query device", "lunctl query wwpn"}), noPort.ran);
+    EXPECT_THAT(trace.text(), HasSubstr("getPathId() No match for <NULL>\n"));
     ScriptedZPL invalid;
     invalid.answers["lunctl query wwpn"] = answer(1, "Invalid argument\n");
     EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, invalid.setState(kSettingOnline, "lundev1", {kHost2}));
