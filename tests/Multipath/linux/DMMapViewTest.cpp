@@ -87,10 +87,7 @@ TEST(DMMapViewTest, ReadsTheOldestBracketedListing) {
 
 // The kernel prints the address in decimal; host 10 is host 10 here.
 TEST(DMMapViewTest, ReadsAddressesInDecimal) {
-    const struct {
-        const char* path;
-        const char* expected;  // empty: no path
-    } cases[] = {
+    const char* cases[][2] = {  // path line, the path it gives ("": none)
         {"`- 10:0:3:255 sdq 65:0 active ready running", "  sdq 65:0 10:0:3:255 active ready running"},
         {"`- 4294967295:0:0:18446744073709551615 sdr 1:1 active", "  sdr 1:1 4294967295:0:0:18446744073709551615 active null null"},
         {"`- 4294967296:0:0:0 sds 1:1 active ready running", ""},
@@ -101,9 +98,9 @@ TEST(DMMapViewTest, ReadsAddressesInDecimal) {
         {"`- #:#:#:# - #:# active faulty running", ""},
     };
     for (const auto& c : cases) {
-        Lines lines = parse(std::string("m (0123456789ab) dm-0 V,P\n`-+- policy='x' prio=1 status=active\n") + c.path);
-        ASSERT_GE(lines.size(), 2u) << c.path;
-        EXPECT_EQ(lines.size() == 3 ? lines[2] : "", c.expected) << c.path;
+        Lines lines = parse(std::string("m (0123456789ab) dm-0 V,P\n`-+- policy='x' prio=1 status=active\n") + c[0]);
+        ASSERT_GE(lines.size(), 2u) << c[0];
+        EXPECT_EQ(lines.size() == 3 ? lines[2] : "", c[1]) << c[0];
     }
 }
 
