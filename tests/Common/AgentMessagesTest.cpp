@@ -11,16 +11,14 @@
 
 namespace {
 
-// Starts the message layer afresh on the catalogues the build made.
-int32_t restartMessages(const std::string& locale) {
-    endMessages();
-    nlSetLanguage("");
-    return initMessages(std::string(PP_BINARY_DIR) + "/nls", "", "qlxna.cat", locale);
-}
-
 class AgentMessagesTest : public ::testing::Test {
 protected:
-    void SetUp() override { ASSERT_EQ(0, restartMessages("en_US")); }
+    // Starts the message layer afresh on the catalogues the build made.
+    void SetUp() override {
+        endMessages();
+        nlSetLanguage("");
+        ASSERT_EQ(0, initMessages(std::string(PP_BINARY_DIR) + "/nls", "", "qlxna.cat", "en_US"));
+    }
 };
 
 TEST_F(AgentMessagesTest, MessagesCarryTheirKeyAndInserts) {

@@ -48,17 +48,8 @@ TEST_F(AgentTraceTest, DebugModeChoosesTheRecords) {
     }
 }
 
-TEST_F(AgentTraceTest, LongArgumentsAreCutToTheirFirst4604Characters) {
-    std::string longText = std::string(4604, 'a') + std::string(396, 'b');
-    EXPECT_EQ(std::string(4604, 'a'), NA_STR(longText));
-    EXPECT_STREQ("<NULL>", NA_STR(static_cast<const char*>(nullptr)));
-    EXPECT_EQ(std::string(4604, 'a'), naCutInPlace(longText));
-    EXPECT_EQ(4604u, longText.size());
-    std::string empty;
-    EXPECT_STREQ("<NULL>", naCutInPlace(empty));
-}
-
-TEST_F(AgentTraceTest, ControlCharactersInArgumentsAreWrittenEscaped) {
+// Arguments are cut to their first 4604 characters, then control characters escaped.
+TEST_F(AgentTraceTest, ArgumentsAreCutAndEscaped) {
     const std::pair<std::string, std::string> cases[] = {
         {"lundev0", "lundev0"},
         {"/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 3;mpatha", "/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 3;mpatha"},
@@ -67,10 +58,15 @@ TEST_F(AgentTraceTest, ControlCharactersInArgumentsAreWrittenEscaped) {
         {"cr\rtab\tbell\adel\x7f", "cr\\x0Dtab\\x09bell\\x07del\\x7F"},
         {std::string("nul\0x", 5), "nul\\x00x"},
         {"\n", "\\n"},
+        {std::string(4604, 'a') + std::string(396, 'b'), std::string(4604, 'a')},
+        {std::string(4603, 'a') + "\n\n", std::string(4603, 'a') + "\\n"},  // an escape is never split
     };
     for (const auto& c : cases) EXPECT_EQ(c.second, NA_STR(c.first)) << c.first;
-    // The cut comes first: an escape is never split.
-    EXPECT_EQ(std::string(4603, 'a') + "\\n", NA_STR(std::string(4603, 'a') + "\n\n"));
+    EXPECT_STREQ("<NULL>", NA_STR(static_cast<const char*>(nullptr)));
+    std::string longText = std::string(4604, 'a') + "b", empty;
+    EXPECT_EQ(std::string(4604, 'a'), naCutInPlace(longText));
+    EXPECT_EQ(4604u, longText.size());
+    EXPECT_STREQ("<NULL>", naCutInPlace(empty));
 }
 
 TEST_F(AgentTraceTest, SetUpFailuresReturnTheirCodes) {

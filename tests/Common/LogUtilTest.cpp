@@ -92,16 +92,14 @@ TEST_F(LogUtilTest, PurgeKeepsTheNewestByCountAndDropsOldFilesByAge) {
     };
     for (const auto& c : cases) {
         clear();
-        std::map<int32_t, std::string> files;
+        std::map<int32_t, std::string> files, made;
         for (int32_t i = 1; i <= static_cast<int32_t>(c.ages.size()); ++i) {
             make("multipath_00000" + std::to_string(i) + ".log", 0, c.ages[i - 1]);
-            files[i] = dir_.file("multipath_00000" + std::to_string(i) + ".log");
+            files[i] = made[i] = dir_.file("multipath_00000" + std::to_string(i) + ".log");
         }
         purgeLogFiles(c.settings, files, c.useAge);
         Numbers kept, keys;
-        for (int32_t i = 1; i <= static_cast<int32_t>(c.ages.size()); ++i) {
-            if (testfiles::fileExists(dir_.file("multipath_00000" + std::to_string(i) + ".log"))) kept.push_back(i);
-        }
+        for (const auto& file : made) if (testfiles::fileExists(file.second)) kept.push_back(file.first);
         for (const auto& file : files) keys.push_back(file.first);
         const LogPurgeSettings& s = c.settings;
         EXPECT_EQ(c.kept, kept) << c.ages.size() << " files, limit " << s.countLimitPlain << ", days " << s.maxDays;
