@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <clocale>
+#include <cstdlib>
+
 #include "BKVlib/common/nls/amsgrtrv.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentMessageIds.h"
@@ -90,6 +93,32 @@ TEST_F(AgentMessagesTest, LoggedErrorMessagesAreNoted) {
     logMsg(nullptr, AGT0456E);
     logMsg(nullptr, AGT0430I, "PathPlanner", 169);
     EXPECT_EQ("AGT0456E No multipath driver was found on this host.", lastFailure());
+}
+
+// The environment's choice in the C library's precedence; C and its code-set forms
+// mean English and leave the process locale as it is.
+TEST(MessageLanguageTest, EnvironmentChoosesTheCatalogue) {
+    const struct { const char* lcAll; const char* lcMessages; const char* lang; const char* language; } cases[] = {
+        {nullptr, nullptr, nullptr, ""},
+        {nullptr, nullptr, "C.UTF-8", ""},
+        {"", nullptr, "POSIX", ""},
+        {nullptr, "C.utf8", "de_DE.UTF-8", ""},
+        {"C", "de_DE", "de_DE", ""},
+        {nullptr, nullptr, "de_DE.UTF-8", "de_DE"},
+        {"", "", "fr_FR@euro", "fr_FR"},
+    };
+    for (const auto& c : cases) {
+        setlocale(LC_MESSAGES, "C");
+        const char* names[] = {"LC_ALL", "LC_MESSAGES", "LANG"};
+        const char* values[] = {c.lcAll, c.lcMessages, c.lang};
+        for (int i = 0; i < 3; ++i) values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
+        EXPECT_EQ(c.language, messageLanguageFromEnvironment()) << (c.lang ? c.lang : "-");
+        if (!*c.language) {
+            EXPECT_STREQ("C", setlocale(LC_MESSAGES, nullptr)) << (c.lang ? c.lang : "-");
+        }
+    }
+    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) unsetenv(name);
+    setlocale(LC_MESSAGES, "C");
 }
 
 }  // namespace
