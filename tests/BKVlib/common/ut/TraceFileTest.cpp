@@ -1,13 +1,11 @@
 // Plain trace files: header, record prefixes, names, and records of any length.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
 #include <map>
-#include <sstream>
 #include <string>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
@@ -40,23 +38,31 @@ protected:
     std::string path_ = dir_.file("plain.trc");
 };
 
-TEST_F(TraceFileTest, PrefixPartsComeInFixedOrder) {
+// A source place is padded to twenty characters and four digits, or kept whole when longer.
+TEST_F(TraceFileTest, PrefixPartsComeInFixedOrderAndSourcePlaceIsPadded) {
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
     const std::string pid = "\\[[0-9]{6,}\\] ";
     const std::string place = "src/file\\.cpp        \\(  42\\): value 7\n";
-    const struct { const char* flags; int32_t clientType; std::string pattern; } cases[] = {
-        {"-TIMESTAMP", 9, place},
-        {"-TIMESTAMP -PREFIX", 9, "value 7\n"},
-        {"-PREFIX", 9, stamp + ": value 7\n"},
-        {"-TIMESTAMP PID", 9, pid + ": " + place},
-        {"-TIMESTAMP -PREFIX TID", 9, "\\[1\\] : value 7\n"},
-        {"-TIMESTAMP -PREFIX CLIENTTYPE", 99, "\\[ctUnkown    \\]value 7\n"},
-        {"PID TID CLIENTTYPE", 9, stamp + pid + "\\[1\\] \\[ctUtlAppl   \\]: " + place},
+    const char* const file = "src/file.cpp";
+    const struct { const char* flags; int32_t clientType; const char* file; uint32_t line; std::string pattern; } cases[] = {
+        {"-TIMESTAMP", 9, file, 42, place},
+        {"-TIMESTAMP -PREFIX", 9, file, 42, "value 7\n"},
+        {"-PREFIX", 9, file, 42, stamp + ": value 7\n"},
+        {"-TIMESTAMP PID", 9, file, 42, pid + ": " + place},
+        {"-TIMESTAMP -PREFIX TID", 9, file, 42, "\\[1\\] : value 7\n"},
+        {"-TIMESTAMP -PREFIX CLIENTTYPE", 99, file, 42, "\\[ctUnkown    \\]value 7\n"},
+        {"PID TID CLIENTTYPE", 9, file, 42, stamp + pid + "\\[1\\] \\[ctUtlAppl   \\]: " + place},
+        {"-TIMESTAMP", 9, "a.cpp", 0, "a\\.cpp {15}\\(   0\\): value 7\n"},
+        {"-TIMESTAMP", 9, "a.cpp", 12345, "a\\.cpp {15}\\(12345\\): value 7\n"},
+        {"-TIMESTAMP", 9, "exactly_twenty_chars", 7, "exactly_twenty_chars\\(   7\\): value 7\n"},
+        {"-TIMESTAMP", 9, "a/longer/path/than/twenty.cpp", 4294967295u,
+         "a/longer/path/than/twenty\\.cpp\\(4294967295\\): value 7\n"},
+        {"-TIMESTAMP", 9, nullptr, 9, " {20}\\(   9\\): value 7\n"},
     };
     for (const auto& c : cases) {
         begin(c.flags, c.clientType);
-        trPrintf("src/file.cpp", 42, "value %d", 7);
-        EXPECT_THAT(body(), MatchesRegex(c.pattern)) << c.flags;
+        trPrintf(c.file, c.line, "value %d", 7);
+        EXPECT_THAT(body(), MatchesRegex(c.pattern)) << c.flags << " " << (c.file ? c.file : "(null)") << c.line;
         unlink(path_.c_str());
     }
 }
@@ -96,22 +102,6 @@ TEST_F(TraceFileTest, LongAndWideRecordsAreWrittenWholeAndKeepErrno) {
     EXPECT_EQ(longText + "\nwide 42\n", body());
 }
 
-TEST_F(TraceFileTest, SourcePlaceIsPaddedOrKeptWhole) {
-    const struct { const char* file; uint32_t line; const char* expected; } cases[] = {
-        {"a.cpp", 0, "a.cpp               (   0): x\n"},
-        {"a.cpp", 12345, "a.cpp               (12345): x\n"},
-        {"exactly_twenty_chars", 7, "exactly_twenty_chars(   7): x\n"},
-        {"a/longer/path/than/twenty.cpp", 4294967295u, "a/longer/path/than/twenty.cpp(4294967295): x\n"},
-        {nullptr, 9, "                    (   9): x\n"},
-    };
-    for (const auto& c : cases) {
-        begin("-TIMESTAMP");
-        trPrintf(c.file, c.line, "x");
-        EXPECT_EQ(c.expected, body()) << (c.file ? c.file : "(null)");
-        unlink(path_.c_str());
-    }
-}
-
 // Records larger than a stdio buffer, from two processes at once, each land whole.
 TEST_F(TraceFileTest, TwoProcessesAppendWholeRecords) {
     constexpr int kRecords = 200;
@@ -128,11 +118,9 @@ TEST_F(TraceFileTest, TwoProcessesAppendWholeRecords) {
         _exit(0);
     }
     for (int i = 0; i < kRecords; ++i) trPrintf("f", 1, "%s", ours.c_str());
-    int status = 0;
-    waitpid(child, &status, 0);
-    std::istringstream lines(readFile(path_));
+    EXPECT_EQ(0, testfiles::exitCodeOf(child));
     std::map<std::string, int> counts;
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : testfiles::splitLines(readFile(path_))) {
         if (line.size() > 100) ++counts[line];
     }
     EXPECT_EQ((std::map<std::string, int>{{ours, kRecords}, {theirs, kRecords}}), counts);
