@@ -4,7 +4,6 @@
 
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -46,7 +45,7 @@ inline unsigned long recordedOffset(const std::string& file) {
     return file.size() >= 24 ? std::stoul(file.substr(12, 12)) : 0;
 }
 
-// Runs body in a forked child and returns its exit code (-1: it did not exit). With a
+// Runs body in a forked child; returns what testfiles::exitCodeOf says of it. With a
 // tmpfsDir the child first mounts a tmpfs of tmpfsOptions there in a private mount
 // namespace, so tests can fill a disk; 77 means that was refused (no root).
 inline int runInChild(const std::function<int()>& body, const std::string& tmpfsDir = "",
@@ -63,8 +62,7 @@ inline int runInChild(const std::function<int()>& body, const std::string& tmpfs
         fflush(stdout);
         _exit(rc);
     }
-    int status = 0;
-    return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return testfiles::exitCodeOf(child);
 }
 
 #endif
