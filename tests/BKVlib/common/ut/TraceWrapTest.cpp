@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <functional>
 #include <map>
 #include <regex>
 #include <string>
@@ -90,12 +89,12 @@ TEST_F(TraceWrapTest, WrapPointWalkedByteByByteKeepsHistoryAcrossTheNextStart) {
 }
 
 TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
-    auto foreignFirstLine = [](const std::string& path) {
-        std::string text = readFile(path);
-        writeFile(path, "some other program's log\n" + text.substr(text.find('\n') + 1));
+    // The first run's file as the second run finds it.
+    using Change = std::string (*)(const std::string& text);
+    Change foreignFirstLine = [](const std::string& text) {
+        return "some other program's log\n" + text.substr(text.find('\n') + 1);
     };
-    auto growPastOneMiB = [](const std::string& path) { writeFile(path, readFile(path) + std::string(kMiB, 'x')); };
-    using Change = std::function<void(const std::string&)>;
+    Change growPastOneMiB = [](const std::string& text) { return text + std::string(kMiB, 'x'); };
     const struct { const char* name; uint32_t firstMax, secondMax; Change change; bool continued; } cases[] = {
         {"equal maximum", 2, 2, nullptr, true},
         {"larger maximum", 2, 3, nullptr, true},
@@ -110,7 +109,7 @@ TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
             beginBare(*run == 'o' ? c.firstMax : c.secondMax);
             put(std::string("run ") + run + " record");
             trEnd(1);
-            if (*run == 'o' && c.change) c.change(path_);
+            if (*run == 'o' && c.change) writeFile(path_, c.change(readFile(path_)));
         }
         std::string text = readFile(path_);
         EXPECT_EQ(std::to_string(c.secondMax) + " ", text.substr(24, 2)) << c.name;
