@@ -72,6 +72,8 @@ TEST_F(TopologyE2eTest, FixedAnswers) {
     }
 }
 
+// How each field is escaped and read is TopologyFormatTest's and DMTopologyParserTest's;
+// here both outputs of the installed tool stay valid JSON.
 TEST_F(TopologyE2eTest, HostileListingStillGivesValidJson) {
     installDriver("m\"x\\ (0123456789abcdef)\r\n`-+- policy='se\x01rv 0' prio=7 status=active\n"
                   "  |- 0:0:0:0 sd\"a\\\xff 8:0 active ready running\n  `- 1a:0:0:0 sd\xc3\xa9 8:0 failed\n"
@@ -79,9 +81,6 @@ TEST_F(TopologyE2eTest, HostileListingStillGivesValidJson) {
     RunResult r = run({"--records"});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(jsonArrayLength(r.out), 2) << r.out;
-    EXPECT_THAT(r.out, HasSubstr("\"disk\":\"m\\\"x\\\\\""));
-    EXPECT_THAT(r.out, HasSubstr("\"device\":\"sd\\\"a\\\\\\ufffd\""));
-    EXPECT_THAT(r.out, HasSubstr("\"host\":26,"));
     r = run({});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(schemaProblem(r.out), "") << r.out;
@@ -132,7 +131,6 @@ TEST_F(TopologyE2eTest, FailuresAreOneErrorLine) {
         const char* said;  // a regular expression
     } cases[] = {
         {{"--json"}, "bash-5.2.15-2\\n", twoMaps, 0, "", 169, "^PathPlannerTopology: AGT0456E "},
-        {{"--table"}, "bash-5.2.15-2\\n", twoMaps, 0, "", 169, "^PathPlannerTopology: AGT0456E "},
         {{"--fail-if-no-path"}, "bash-5.2.15-2\\n", twoMaps, 0, "", 169, "^PathPlannerTopology: AGT0456E "},
         {{}, kWithTools, fixture("multipath-ll-v2.driver-not-loaded.stdout"), 1,
          fixture("multipath-ll-v2.driver-not-loaded.stderr"), 173, "STA0523E "},
