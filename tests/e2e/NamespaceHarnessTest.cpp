@@ -1,6 +1,6 @@
 // Every end-to-end test trusts that the host the harness builds is the host the program
 // sees, so each seam is checked from inside with a shell.
-#include "tests/e2e/NamespaceHarness.h"
+#include "tests/e2e/E2eHosts.h"
 
 #include <filesystem>
 
@@ -15,11 +15,8 @@ TEST_F(NamespaceHarnessTest, ShellSeesTheHostItWasGiven) {
     host.addAnsweringTool("multipath", "fake out\n", 3, "fake err\n");
     host.addFakeTool("rpm", "echo \"rpm $1\"");
     host.hideSbinTool("ldconfig");
-    const std::string fc = host.makeHostDir("fc_host"), scsi = host.makeHostDir("proc_scsi");
-    std::filesystem::create_directory(fc + "/host3");
-    testfiles::writeFile(scsi + "/scsi", "Attached devices:\n");
-    host.placeTree("/sys/class/fc_host", fc);
-    host.placeTree("/proc/scsi", scsi);
+    placeScsi(&host, false);
+    host.makeHostDir("fc_host/host3");
     host.useFaketime("@2001-02-03 04:05:06");
     RunResult r = host.run({"-c", "test -x /opt/ZOR/QLX/agent/bin/PathPlanner && echo ok > /opt/ZOR/QLX/agent/log/x;"
                                   "/sbin/multipath -ll -v2; echo \"rc $?\"; rpm -qa; ls /sys/class/fc_host;"

@@ -1,13 +1,11 @@
 // The trace file the installed tool writes with -debug: a wrapping trace whose header
 // records where the next record goes, and records with the full prefix, from one run
 // or from ten at once. Continuing and wrapping the file are TraceWrapTest's.
-#include <cstdlib>
 #include <map>
 #include <regex>
 #include <string>
 
 #include "gmock/gmock.h"
-#include "gtest/gtest.h"
 #include "tests/e2e/NamespaceHarness.h"
 
 using ::testing::HasSubstr;
