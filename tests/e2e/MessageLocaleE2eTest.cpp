@@ -1,6 +1,5 @@
-// The activity log's language follows LC_ALL, LC_MESSAGES and LANG, whether or not the
-// host has generated the named locale (the full precedence is CatalogLanguageTest's);
-// its dates keep their one format.
+// The activity log's language follows LC_ALL, LC_MESSAGES and LANG, in that order,
+// whether or not the host has generated the named locale; its dates keep their one format.
 #include <regex>
 
 #include "gmock/gmock.h"
@@ -21,6 +20,8 @@ TEST_F(MessageLocaleE2eTest, LogLanguageFollowsTheEnvironment) {
     } cases[] = {
         {{}, false},
         {{{"LANG", "de_DE.UTF-8"}}, true},
+        {{{"LC_MESSAGES", "de_DE.UTF-8"}, {"LANG", "en_US.UTF-8"}}, true},
+        {{{"LC_ALL", "C"}, {"LANG", "de_DE.UTF-8"}}, false},  // LC_ALL wins, even as C
         {{{"LANG", "fr_FR.UTF-8"}}, false},  // no French catalogue: English
     };
     for (const auto& c : cases) {
