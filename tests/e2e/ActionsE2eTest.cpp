@@ -17,29 +17,28 @@ class ActionsE2eTest : public E2eTest {};
 
 TEST_F(ActionsE2eTest, EachDriverGetsItsCommandsWhileTheJobFileExists) {
     const struct {
-        bool vendor, dm;
+        bool vendor;  // the device-mapper tools are always there
         const char* request;
         int setStatus, exitStatus;
         const char* logged;
         size_t multipathCalls;
         std::vector<std::string> lunctlCalls;
     } cases[] = {
-        {false, true, "3;mpatha", 0, 0, "Round Robin", 1, {}},
-        {false, true, "3;mpatha", 1, 173, "AGT0430I", 1, {}},
-        {false, true, "2;mpatha", 0, 172, "AGT0454I", 0, {}},
-        {false, true, "0;mpatha;wwpn1", 0, 0, "AGT0430I", 0, {}},
-        {false, false, "2;lundev0", 0, 169, "AGT0456E", 0, {}},
+        {false, "3;mpatha", 0, 0, "Round Robin", 1, {}},
+        {false, "3;mpatha", 1, 173, "AGT0430I", 1, {}},
+        {false, "2;mpatha", 0, 172, "AGT0454I", 0, {}},
+        {false, "0;mpatha;wwpn1", 0, 0, "AGT0430I", 0, {}},
         // The vendor driver wins over the device-mapper tools that are there too.
-        {true, true, "2;lundev0;lundev12", 0, 0, "AGT0430I", 0,
+        {true, "2;lundev0;lundev12", 0, 0, "AGT0430I", 0,
          {"query device", "set device 0 policy lb", "set device 12 policy lb"}},
-        {true, true, "0;lundev1;10000000c95a3b10;10000000c95a3b11", 0, 0, "AGT0430I", 0,
+        {true, "0;lundev1;10000000c95a3b10;10000000c95a3b11", 0, 0, "AGT0430I", 0,
          {"query device", "query wwpn", "set device 1 path 1 offline", "set device 1 path 0 offline"}},
-        {true, true, "4;nodev", 0, 170, "AGT0452E", 0, {"query device"}},
-        {true, true, "3;lundev0", 2, 173, "AGT0453E", 0, {"query device", "set device 0 policy rr"}},
+        {true, "4;nodev", 0, 170, "AGT0452E", 0, {"query device"}},
+        {true, "3;lundev0", 2, 173, "AGT0453E", 0, {"query device", "set device 0 policy rr"}},
     };
     for (const auto& c : cases) {
         NamespaceHarness host;
-        installDrivers(&host, c.vendor, c.dm, c.setStatus);
+        installDrivers(&host, c.vendor, true, c.setStatus);
         RunResult r = host.run({"-multipath", c.request});
         EXPECT_EQ(c.exitStatus, r.exitStatus) << c.request << ": " << r.describe();
         EXPECT_THAT(host.readAgentFile("log/multipath.log"), HasSubstr(c.logged)) << c.request;
