@@ -168,19 +168,6 @@ TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnother) {
     }
 }
 
-// The vendor driver, its device query answered with devices.
-class VendorHost {
-public:
-    explicit VendorHost(const std::string& devices) {
-        installDrivers(&host, true, false);
-        const std::string dir = host.makeHostDir("lunctl");
-        testfiles::writeFile(dir + "/query-device", devices);
-        testfiles::writeFile(dir + "/query-wwpn", testfiles::testData("Multipath/data/lunctl-query-wwpn.txt"));
-        host.addFakeTool("lunctl", "[ \"$1\" = query ] && cat " + dir + "/query-$2\nexit 0");
-    }
-    NamespaceHarness host;
-};
-
 const char kHost2Wwpn[] = "10000000c95a3b10";
 const char kHost3Wwpn[] = "10000000c95a3b11";
 
@@ -210,10 +197,16 @@ TEST_F(RootSafetyE2eTest, DeviceAndPathLookupsNeverPickAnotherLun) {
          {"query device", "query wwpn", "set device 12 path 0 offline"}},
     };
     for (const auto& c : cases) {
-        VendorHost vendor(c.listing);
-        RunResult r = vendor.host.run({"-multipath", c.request});
+        // The vendor driver, its device query answered with the case's listing.
+        NamespaceHarness host;
+        installDrivers(&host, true, false);
+        const std::string dir = host.makeHostDir("lunctl");
+        testfiles::writeFile(dir + "/query-device", c.listing);
+        testfiles::writeFile(dir + "/query-wwpn", testfiles::testData("Multipath/data/lunctl-query-wwpn.txt"));
+        host.addFakeTool("lunctl", "[ \"$1\" = query ] && cat " + dir + "/query-$2\nexit 0");
+        RunResult r = host.run({"-multipath", c.request});
         EXPECT_EQ(c.exitStatus, r.exitStatus) << c.request << ": " << r.describe();
-        EXPECT_EQ(c.lunctlCalls, vendor.host.toolCalls("lunctl")) << c.request;
+        EXPECT_EQ(c.lunctlCalls, host.toolCalls("lunctl")) << c.request;
     }
 }
 

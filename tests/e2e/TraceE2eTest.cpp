@@ -19,8 +19,6 @@ const std::string kEndOfData = "\nEND OF DATA - close\n\n";
 class TraceE2eTest : public E2eTest {
 protected:
     RunResult traceRun() { return host_.run({"-debug", "MAX", "-multipath", "7;dev1"}); }
-    // The next-write offset recorded in the header.
-    size_t offset(const std::string& trace) const { return std::stoul(trace.substr(12, 12)); }
     NamespaceHarness host_;
 };
 
@@ -30,7 +28,7 @@ TEST_F(TraceE2eTest, HeaderRecordsAndEndMarkerOfTheInstalledTool) {
     ASSERT_GT(trace.size(), 100u);
     // The header's layout is TraceWrapTest's; the maximum and the product are the tool's.
     EXPECT_EQ("1          ZOR Quillon 5.2.8.0   Build date: ", trace.substr(24, 45));
-    EXPECT_EQ(kEndOfData, trace.substr(offset(trace), kEndOfData.size()));
+    EXPECT_EQ(kEndOfData, trace.substr(std::stoul(trace.substr(12, 12)), kEndOfData.size()));
     // date time.ms [pid] [tid] : file(line): text
     const std::regex record(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[\d{6}\] \[\d+\] : )"
                             R"(PathPlanner/ExecPathPlanner\.cpp *\( *\d+\): Unknown multipathSetting: 7)");
