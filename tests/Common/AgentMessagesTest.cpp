@@ -105,6 +105,7 @@ TEST(MessageLanguageTest, EnvironmentChoosesTheCatalogue) {
         {nullptr, "C.utf8", "de_DE.UTF-8", ""},
         {"C", "de_DE", "de_DE", ""},
         {nullptr, nullptr, "de_DE.UTF-8", "de_DE"},
+        {nullptr, "de_DE.UTF-8", "C", "de_DE"},
         {"", "", "fr_FR@euro", "fr_FR"},
     };
     for (const auto& c : cases) {
