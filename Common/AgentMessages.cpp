@@ -140,31 +140,19 @@ std::string catalogLanguage(const char* localeName, const char* lcAll, const cha
     return isDefaultLocale(name) ? std::string() : name;
 }
 
-namespace {
-
-// What the environment asks for messages, in the C library's order of precedence.
-std::string environmentMessageLocale() {
-    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-        const char* value = getenv(name);
-        if (value && *value) return value;
-    }
-    return std::string();
-}
-
-}  // namespace
-
 std::string messageLanguageFromEnvironment() {
     NA_TRACE_ENTER("messageLanguageFromEnvironment()");
-    std::string language;
-    std::string wanted = environmentMessageLocale();
+    const char* lcAll = getenv("LC_ALL");
+    const char* lcMessages = getenv("LC_MESSAGES");
+    const char* lang = getenv("LANG");
     // "C", "POSIX" and their code-set forms such as "C.UTF-8" all read the English
     // catalogue. Leaving the locale as it is then spares every start the locale
     // files, the alias table and a search for a "C.UTF-8" catalogue that never exists.
-    if (!isDefaultLocale(wanted.substr(0, wanted.find_first_of(".@")))) {
+    std::string language = catalogLanguage(nullptr, lcAll, lcMessages, lang);
+    if (!language.empty()) {
         // Only the message category: dates, numbers and character classes keep the "C"
         // rules that the logs' formats and the parsers of tool output rely on.
-        const char* localeName = setlocale(LC_MESSAGES, "");
-        language = catalogLanguage(localeName, getenv("LC_ALL"), getenv("LC_MESSAGES"), getenv("LANG"));
+        language = catalogLanguage(setlocale(LC_MESSAGES, ""), lcAll, lcMessages, lang);
     }
     NA_TRACE_EXIT("Exit: %s, language = %s\n", "messageLanguageFromEnvironment()", NA_STR(language));
     return language;
