@@ -39,7 +39,8 @@ std::string addr(const void* p) {
     return text;
 }
 
-// Every test starts and must end with an empty pool; the counters watch the system.
+// Every test starts and must end with an empty pool, every segment given back to the
+// system; the counters watch the system.
 class KfwemTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -51,15 +52,13 @@ protected:
         KfwStats s = stats();
         EXPECT_EQ(0, s.allocated + s.segments + s.directBlocks);
         EXPECT_EQ(gSystemAllocs, gSystemReleases);
-        KfwSetOutOfMemoryHandler(nullptr);
         KfwSetSystemAllocator(nullptr);
     }
 };
 
 TEST_F(KfwemTest, RequestsRoundUpToEightWithHeaderAndSmallRemaindersGoWithTheBlock) {
     const struct { size_t request; int32_t block; } cases[] = {
-        {1, 16}, {8, 16}, {9, 24}, {17, 32}, {1000, 1008},
-        {KF_SEG_SIZE, KF_SEG_SIZE + 8}, {KF_SEG_SIZE - 16, KF_SEG_SIZE + 8},  // exact fit; 16 left go with it
+        {1, 16}, {9, 24}, {KF_SEG_SIZE, KF_SEG_SIZE + 8}, {KF_SEG_SIZE - 16, KF_SEG_SIZE + 8},  // exact fit; 16 left go with it
         {KF_SEG_SIZE - 24, KF_SEG_SIZE - 16},  // 24 left over is split off
     };
     for (const auto& c : cases) {
@@ -70,19 +69,6 @@ TEST_F(KfwemTest, RequestsRoundUpToEightWithHeaderAndSmallRemaindersGoWithTheBlo
         EXPECT_EQ(c.block, stats().allocated) << c.request;
         EXPECT_EQ(KF_SEG_SIZE + 8 - c.block, stats().freeBytes) << c.request;
         KF_FREE(p);
-    }
-}
-
-TEST_F(KfwemTest, FreeingLastBlockReturnsSegmentInAnyOrder) {
-    for (const auto& order : std::vector<std::vector<int>>{{0, 1, 2}, {2, 1, 0}, {1, 0, 2}}) {
-        void* blocks[3] = {KF_MALLOC(40), KF_MALLOC(100), KF_MALLOC(7)};
-        int releasesBefore = gSystemReleases;
-        for (size_t i = 0; i < order.size(); ++i) {
-            KF_FREE(blocks[order[i]]);
-            EXPECT_EQ(i + 1 < order.size() ? 1 : 0, stats().segments) << "after free " << i;
-            EXPECT_EQ(RC_OK, KfwPoolCheck());
-        }
-        EXPECT_EQ(releasesBefore + 1, gSystemReleases);
     }
 }
 
@@ -114,7 +100,6 @@ TEST_F(KfwemTest, WrongAndFailedCallsAreReportedWithCallerFileAndLine) {
     void* a = KF_MALLOC(32);
     void* c = KF_MALLOC(32);
     for (void* p : {a, c}) kfFree(p, "a.cpp", 1);  // c merges with the free space around it
-    char* foreign = static_cast<char*>(malloc(64));
     void* gone = KF_MALLOC(KF_SEG_SIZE + 1);  // a direct block already given back, the last one looked up
     KF_FREE(gone);
     char* inside = static_cast<char*>(keep) + 4;
@@ -125,7 +110,6 @@ TEST_F(KfwemTest, WrongAndFailedCallsAreReportedWithCallerFileAndLine) {
         {[&] { kfFree(gone, "f.cpp", 15); }, unknown + addr(gone) + ", File f.cpp, Line 15\n"},
         {[&] { kfFree(a, "f.cpp", 10); }, freeBlock + addr(a) + ", File f.cpp, Line 10\n"},
         {[&] { kfFree(c, "f.cpp", 12); }, freeBlock + addr(c) + ", File f.cpp, Line 12\n"},
-        {[&] { kfFree(foreign, "f.cpp", 14); }, unknown + addr(foreign) + ", File f.cpp, Line 14\n"},
         {[&] { kfFree(inside, "f.cpp", 16); }, unknown + addr(inside) + ", File f.cpp, Line 16\n"},
         {[&] { kfFree(nullptr, "f.cpp", 17); }, "Attempt to free NULL pointer. File f.cpp Line 17\n"},
         {[&] { EXPECT_EQ(nullptr, kfRealloc(a, 64, "f.cpp", 18)); },
@@ -134,8 +118,7 @@ TEST_F(KfwemTest, WrongAndFailedCallsAreReportedWithCallerFileAndLine) {
          "Wrong Calloc call: Size 16 Count " + std::to_string(SIZE_MAX / 8) + " File f.cpp Line 24\n"},
         {[&] { fresh = kfRealloc(nullptr, 10, "r.cpp", 5); },
          "kfRealloc() called with NULL pointer. File r.cpp Line 5. Initial allocation assumed, using kfMalloc().\n"},
-        // The system refuses from here on: a new segment, a direct block, a move.
-        {[&] { EXPECT_EQ(nullptr, kfMalloc(KF_SEG_SIZE, "o.cpp", 1)); }, "Alloc failed: Size 65384 File o.cpp Line 1\n"},
+        // The system refuses from here on: a direct block, cleared or not, and a move.
         {[&] { EXPECT_EQ(nullptr, kfMalloc(70000, "o.cpp", 2)); }, "Alloc failed: Size 70000 File o.cpp Line 2\n"},
         {[&] { EXPECT_EQ(nullptr, kfCalloc(2, 70000, "o.cpp", 3)); }, "Calloc failed: Size 70000 File o.cpp Line 3\n"},
         {[&] { EXPECT_EQ(nullptr, kfRealloc(keep, 100000, "o.cpp", 4)); },
@@ -151,25 +134,7 @@ TEST_F(KfwemTest, WrongAndFailedCallsAreReportedWithCallerFileAndLine) {
     gSystemFails = false;
     EXPECT_EQ(-40, head(keep)->bSize);  // the block next to all of that is untouched
     EXPECT_EQ(-24, head(fresh)->bSize);
-    free(foreign);
     for (void* p : {keep, fresh}) KF_FREE(p);
-}
-
-void* gSpare = nullptr;
-int recoveringHandler(size_t) {
-    KF_FREE(gSpare);  // a handler may give pool blocks back
-    gSystemFails = false;
-    return 1;
-}
-
-TEST_F(KfwemTest, OutOfMemoryHandlerMayFreeBlocksBeforeTheRetry) {
-    gSpare = KF_MALLOC(KF_SEG_SIZE);  // fills the first segment
-    gSystemFails = true;
-    KfwSetOutOfMemoryHandler(recoveringHandler);
-    void* p = KF_MALLOC(10);
-    EXPECT_NE(nullptr, p);
-    EXPECT_EQ(1, stats().segments);  // the spare's segment went back before the retry
-    KF_FREE(p);
 }
 
 TEST_F(KfwemTest, ThreadsShareThePoolWithoutDamage) {
@@ -194,27 +159,21 @@ TEST_F(KfwemTest, ThreadsShareThePoolWithoutDamage) {
     EXPECT_EQ(RC_OK, KfwPoolCheck());
 }
 
-TEST_F(KfwemTest, PoolCheckDumpsBlocksAndFindsDamage) {
+TEST_F(KfwemTest, PoolCheckFindsDamage) {
     testfiles::TempDir dir;
     trInit(0, 0, nullptr);
     trSetLibFlags("MEMORY", 0);
     ASSERT_EQ(0, trBegin(dir.file("trace").c_str(), 0));
     void* small = kfMalloc(1, "t.cpp", 3);
-    void* direct = KF_MALLOC(KF_SEG_SIZE + 8);
     EXPECT_EQ(RC_OK, KfwPoolCheck());
-    const std::string text = testfiles::readFile(dir.file("trace"));
-    for (const std::string& line : {"KFWEM(+) Addr " + addr(small) + " Size 1 File t.cpp Line 3\n",
-                                    "\t\tBusy block at " + addr(head(small)) + "(" + addr(small) + "): size     16 bytes.\n",
-                                    "Direct block at " + addr(static_cast<char*>(direct) - 32) + "(" + addr(direct)}) {
-        EXPECT_NE(std::string::npos, text.find(line)) << line;
-    }
+    const std::string record = "KFWEM(+) Addr " + addr(small) + " Size 1 File t.cpp Line 3\n";
+    EXPECT_NE(std::string::npos, testfiles::readFile(dir.file("trace")).find(record));
     CBlkHead saved = *head(small);
     head(small)->magic = 0x1234;
     EXPECT_EQ(RC_POOL_DAMAGED, KfwPoolCheck());
     EXPECT_NE(std::string::npos, testfiles::readFile(dir.file("trace")).find("(Magic value overwritten)\n"));
     *head(small) = saved;
     trEnd(1);
-    KF_FREE(direct);
     KF_FREE(small);
 }
 
