@@ -16,8 +16,6 @@ TEST_F(TraceFlagsTest, ListsSwitchTheNamedClasses) {
         // Only the first list switches TIMESTAMP and PREFIX on.
         {{"-PREFIX", "PID"}, {TR_TIMESTAMP, TR_PID}, {TR_PREFIX}},
         {{"-TIMESTAMP", "ALL"}, {TR_ERROR, TR_SMWIN, TR_HARBOR_COMM, TR_PREFIX}, {TR_TIMESTAMP}},
-        {{"ALL", "-ALL"}, {TR_TIMESTAMP, TR_PREFIX}, {TR_ERROR, TR_NLS, TR_SMWIN}},
-        {{"SERVICE -TIMESTAMP"}, {TR_ERROR, TR_FILEOPS, TR_PREFIX}, {TR_TIMESTAMP, TR_NLS, TR_CLIENTTYPE}},
         // A negated aggregate switches its members off, even those it negates itself.
         {{"ALL", "-SERVICE"}, {TR_TIMESTAMP}, {TR_ERROR, TR_NLS, TR_BTREEDB}},
         // ALL_PROC names ALL_SESS, which the table defines after it.
