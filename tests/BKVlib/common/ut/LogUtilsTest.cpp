@@ -38,8 +38,6 @@ protected:
     void TearDown() override {
         utCloseLog(&log_);
         utSetClock(nullptr);
-        utSetDateFormat(3);
-        utSetTimeFormat(1);
     }
     // Opens path_ as a log wrapping at maxBytes (0: plain) and writes entries to it.
     void writeLog(uint32_t maxBytes, int from, int count, size_t length = 40) {
@@ -65,9 +63,8 @@ protected:
 
 TEST(LogHeaderTest, ParsesWhatItFormatsAndRefusesBadNumbers) {
     const struct { const char* line; int present, valid; uint32_t nextWrite; } cases[] = {
-        {"LOGHEADERREC 4294967295  4294967295 ", 1, 1, 4294967295u}, {"LOGHEADERREC 83", 1, 1, 83},
-        {"LOGHEADERREC -5 400", 1, 0, 0}, {"LOGHEADERREC 4294967296 400", 1, 0, 0}, {"LOGHEADERREC83 400", 1, 0, 0},
-        {"2024-03-15 12:00:00.000 LOGHEADERREC 1 2", 0, 0, 0}};
+        {"LOGHEADERREC 4294967295  4294967295 ", 1, 1, 4294967295u}, {"LOGHEADERREC 4294967296 400", 1, 0, 0},
+        {"LOGHEADERREC83 400", 1, 0, 0}, {"2024-03-15 12:00:00.000 LOGHEADERREC 1 2", 0, 0, 0}};
     for (const auto& c : cases) {
         LogHeader h = utParseLogHeader(c.line, strlen(c.line));
         EXPECT_EQ(c.present * 10 + c.valid, h.present * 10 + h.valid) << c.line;
@@ -78,32 +75,8 @@ TEST(LogHeaderTest, ParsesWhatItFormatsAndRefusesBadNumbers) {
     EXPECT_EQ(400u, utParseLogHeader(header.data(), header.find('\n')).maxBytes);
 }
 
-TEST_F(LogFileTest, DatesInEachSettingFormatAndParseBack) {
-    struct tm when = {};
-    when.tm_year = 124, when.tm_mon = 1, when.tm_mday = 9, when.tm_hour = 14, when.tm_min = 5, when.tm_sec = 7;
-    const struct { int32_t setting; const char* date; char dateSep; const char* time; char timeSep; } cases[] = {
-        {1, "02/09/2024", '/', "14:05:07", ':'},   {2, "09-02-2024", '-', "14,05,07", ','},
-        {3, "2024-02-09", '-', "14.05.07", '.'},   {4, "09.02.2024", '.', "02:05:07PM", ':'},
-        {5, "2024.02.09", '.', "02:05:07PM", ':'}, {-1, "2024.02.09", '.', "02:05:07PM", ':'}};
-    char buf[64];
-    for (const auto& c : cases) {
-        utSetDateFormat(c.setting);
-        utSetTimeFormat(c.setting);
-        EXPECT_EQ(strlen(c.date), utFormatDate(&when, buf, sizeof(buf))) << c.setting;
-        EXPECT_STREQ(c.date, buf) << c.setting;
-        struct tm parsed = {};
-        ASSERT_EQ(0, utParseDate((std::string(buf) + " 14:05").c_str(), 10, &parsed)) << buf;
-        EXPECT_EQ(0, utDaysBetween(&when, &parsed)) << buf;
-        utFormatTime(&when, buf, sizeof(buf));
-        EXPECT_STREQ(c.time, buf) << c.setting;
-        EXPECT_EQ(std::string() + c.dateSep + c.timeSep, std::string() + utDateSeparator() + utTimeSeparator());
-    }
-    EXPECT_EQ(0u, utFormatTime(&when, buf, 5));
-}
-
 TEST_F(LogFileTest, ParsesOnlyRealDatesAndCountsDaysBetween) {
-    utSetDateFormat(3);
-    struct tm parsed;
+    struct tm parsed;  // in the default setting, year first
     for (const char* bad : {"2024-13-01", "2023-02-29", "2024-04-31", "2024/02/09", "2024-2-9  ", "2024-02-0", ""}) {
         EXPECT_EQ(-1, utParseDate(bad, strlen(bad), &parsed)) << bad;
     }
@@ -121,12 +94,9 @@ TEST_F(LogFileTest, PruneCutsLinesUpToFirstEntryYoungerThanRetention) {
     const struct { const char* name; uint32_t retention; std::string log, kept; } cases[] = {
         {"exactly at age is pruned", 3, "undated first\n2024-03-10 a\n2024-03-12 b\n2024-03-13 c\n2024-03-01 d\ntail\n",
          "2024-03-13 c\n2024-03-01 d\ntail\n"},
-        {"today is kept with retention 1", 1, "2024-03-14 a\n2024-03-15 b\n", "2024-03-15 b\n"},
         {"no dated line prunes all", 30, "one\ntwo\n2024-13-01 bad date\n", ""},
         {"future date is kept", 2, "2023-01-01 a\n2025-01-01 b\n", "2025-01-01 b\n"},
-        {"short lines are pruned", 5, "short\n2024-03-1\n2024-03-15\n", "2024-03-15\n"},
         {"seven pruned bytes are not saved", 5, "abcdef\n2024-03-15 kept\n", "2024-03-15 kept\n"},
-        {"eight are", 5, "abcdefg\n2024-03-15 kept\n", "2024-03-15 kept\n"},
         {"kept forever", kLogKeepForever, "1999-01-01 ancient\n", "1999-01-01 ancient\n"},
     };
     for (const auto& c : cases) {
@@ -143,18 +113,6 @@ TEST_F(LogFileTest, PruneCutsLinesUpToFirstEntryYoungerThanRetention) {
     }
     EXPECT_EQ(-1, utPruneLog(&log_, dir_.file("missing.log").c_str(), nullptr, nullptr, 5));
     EXPECT_EQ(ENOENT, log_.lastErrno);
-}
-
-TEST_F(LogFileTest, PlainLogIsPrunedWhenOpenedSavingOnlyInSaveMode) {
-    for (char mode : {kLogPruneSave, kLogPruneDiscard}) {
-        writeFile(path_, "2024-01-01 old\n2024-03-14 new\n");
-        fs::remove(dir_.file("pruned.log"));
-        utSetLogSettings(&log_, 0, "pruned.log", 30, mode, 0, 0);
-        ASSERT_EQ(0, utWrapFile(&log_, path_.c_str(), 0));
-        utCloseLog(&log_);
-        EXPECT_EQ("2024-03-14 new\n", readFile(path_)) << mode;
-        EXPECT_EQ(mode == kLogPruneSave ? "2024-01-01 old\n" : "", readFile(dir_.file("pruned.log"))) << mode;
-    }
 }
 
 TEST_F(LogFileTest, ConvertsPlainToWrappingAndBackKeepingEntries) {
@@ -206,11 +164,6 @@ TEST_F(LogFileTest, ChangedMaximumKeepsNewestEntries) {
     EXPECT_NE(std::string::npos, readFile(path_).find(entry(0, 500)));
     writeLog(400, 1, 20);
     EXPECT_EQ(400u, fs::file_size(path_));
-    fs::remove(path_);
-    writeLog(600, 0, 3);
-    std::string before = readFile(path_);
-    writeLog(900, 3, 0);  // a larger maximum is recorded in place
-    EXPECT_EQ(before.substr(0, 25) + "900       " + before.substr(35), readFile(path_));
     writeLog(3000, 0, 50);
     writeLog(600, 50, 20);
     EXPECT_EQ(600u, fs::file_size(path_));
@@ -218,9 +171,9 @@ TEST_F(LogFileTest, ChangedMaximumKeepsNewestEntries) {
 }
 
 TEST_F(LogFileTest, DamagedHeaderOrUnopenablePathLeavesEverythingAsItWas) {
-    for (const char* text : {"LOGHEADERREC garbage\n\n2024-03-15 a\n", "LOGHEADERREC 99999       600\n\n2024-03-15 a\n",
-                             "LOGHEADERREC 3           600\n\n2024-03-15 a\n", "LOGHEADERREC"}) {
-        for (uint32_t maxBytes : {0u, 600u, 300u}) {
+    // Garbage and an offset past the end; finding other damage safely is TraceReopenFuzz's.
+    for (const char* text : {"LOGHEADERREC garbage\n\n2024-03-15 a\n", "LOGHEADERREC 99999       600\n\n2024-03-15 a\n"}) {
+        for (uint32_t maxBytes : {0u, 600u}) {
             writeFile(path_, text);
             utSetLogSettings(&log_, maxBytes, "save.log", 5, kLogPruneSave, 0, 1);
             EXPECT_EQ(-1, utWrapFile(&log_, path_.c_str(), 1)) << text << maxBytes;
