@@ -26,9 +26,8 @@ protected:
     void SetUp() override {
         nlsTerminate();
         ASSERT_EQ("", catalog_.add("en_US", "lib.cat",
-                                   "1 KRN0001I Copied %d files to %s.\n2 KRN0002E Failed on %s.\n3 KRN0003W w\n4 KRN0004K k\n"
-                                   "5 KRN0005S s\n6 KRN0006T t\n201 KRN0201E e\n227 KRN0227I Not for the schedule "
-                                   "log.\n250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
+                                   "1 KRN0001I Copied %d files to %s.\n2 KRN0002E Failed on %s.\n3 KRN0003W w\n201 KRN0201E e\n"
+                                   "227 KRN0227I Not for the schedule log.\n250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
         std::string used;
         ASSERT_EQ(0, nlsInit("lib.cat", catalog_.dir().c_str(), "lib.cat", NlsSettings(), &used));
         GlobalrC::instance()->clearAllRC();
@@ -64,12 +63,9 @@ TEST_F(NlLogPrintfTest, CopiesTextWritesStdoutAndHandsSeverityToLogger) {
     uint16_t n = issue(&desc, NL_STDOUT | NL_NEWLINE, buffer, sizeof(buffer), 3, "/tmp");
     EXPECT_EQ("KRN0001I Copied 3 files to /tmp.\n", testing::internal::GetCapturedStdout());
     EXPECT_EQ("KRN0001I Copied 3 files to /tmp.", std::string(buffer, n));
-    EXPECT_EQ(n, desc.length);
     EXPECT_EQ(0, GlobalrC::instance()->get());
     desc.number = 2;
     ASSERT_EQ(23, issue(&desc, NL_INSERTS | NL_SEVERITY | NL_NEWLINE, buffer, sizeof(buffer), "sdb"));
-    EXPECT_EQ(1, desc.insertCount);
-    EXPECT_EQ(4, desc.messageType);
     EXPECT_EQ((std::vector<std::pair<uint8_t, std::string>>{{NL_SEV_E, "KRN0002E Failed on sdb.\n"}}), gLogged);
     // A buffer too small for the text: written nowhere, but the return code still rises.
     GlobalrC::instance()->clearAllRC();
