@@ -95,11 +95,9 @@ TEST_F(KfwemTest, ReallocGrowsInPlaceOrMovesKeepingContentsAndCallocZeroes) {
 }
 
 TEST_F(KfwemTest, WrongAndFailedCallsAreReportedWithCallerFileAndLine) {
-    // Blocks are cut from the end of the free space: keep > a > c > the rest.
     void* keep = KF_MALLOC(32);
     void* a = KF_MALLOC(32);
-    void* c = KF_MALLOC(32);
-    for (void* p : {a, c}) kfFree(p, "a.cpp", 1);  // c merges with the free space around it
+    KF_FREE(a);  // merged into the free space around it
     void* gone = KF_MALLOC(KF_SEG_SIZE + 1);  // a direct block already given back, the last one looked up
     KF_FREE(gone);
     char* inside = static_cast<char*>(keep) + 4;
@@ -109,18 +107,14 @@ TEST_F(KfwemTest, WrongAndFailedCallsAreReportedWithCallerFileAndLine) {
     const std::pair<std::function<void()>, std::string> cases[] = {
         {[&] { kfFree(gone, "f.cpp", 15); }, unknown + addr(gone) + ", File f.cpp, Line 15\n"},
         {[&] { kfFree(a, "f.cpp", 10); }, freeBlock + addr(a) + ", File f.cpp, Line 10\n"},
-        {[&] { kfFree(c, "f.cpp", 12); }, freeBlock + addr(c) + ", File f.cpp, Line 12\n"},
         {[&] { kfFree(inside, "f.cpp", 16); }, unknown + addr(inside) + ", File f.cpp, Line 16\n"},
         {[&] { kfFree(nullptr, "f.cpp", 17); }, "Attempt to free NULL pointer. File f.cpp Line 17\n"},
-        {[&] { EXPECT_EQ(nullptr, kfRealloc(a, 64, "f.cpp", 18)); },
-         "Attempt to realloc free pointer. Addr " + addr(a) + ", File f.cpp, Line 18\n"},
         {[&] { EXPECT_EQ(nullptr, kfCalloc(SIZE_MAX / 8, 16, "f.cpp", 24)); },  // count * size overflows
          "Wrong Calloc call: Size 16 Count " + std::to_string(SIZE_MAX / 8) + " File f.cpp Line 24\n"},
         {[&] { fresh = kfRealloc(nullptr, 10, "r.cpp", 5); },
          "kfRealloc() called with NULL pointer. File r.cpp Line 5. Initial allocation assumed, using kfMalloc().\n"},
-        // The system refuses from here on: a direct block, cleared or not, and a move.
+        // The system refuses from here on: a direct block, and a move.
         {[&] { EXPECT_EQ(nullptr, kfMalloc(70000, "o.cpp", 2)); }, "Alloc failed: Size 70000 File o.cpp Line 2\n"},
-        {[&] { EXPECT_EQ(nullptr, kfCalloc(2, 70000, "o.cpp", 3)); }, "Calloc failed: Size 70000 File o.cpp Line 3\n"},
         {[&] { EXPECT_EQ(nullptr, kfRealloc(keep, 100000, "o.cpp", 4)); },
          "Realloc failed: Old addr " + addr(keep) + " New Size 100000 File o.cpp Line 4\n"},
     };

@@ -64,9 +64,6 @@ TEST(InstrTest, ReportChargesTimeToCategoryOnTop) {
          {"\ncheckpoint reached\n", "\nCompletion status: Success\n", "\nInstrumentation class: Client detail\n"}) {
         EXPECT_NE(text.npos, text.find(line)) << line << text;
     }
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(text, m, std::regex("\nThread: " + tid() + R"(  Elapsed time = \s*([0-9.]+) sec\n)")));
-    EXPECT_GE(std::stod(m[1]), 0.150);
     const struct { const char* name; double seconds; long uses; } expected[] = {
         {"File I/O", 0.080, 1}, {"Compression", 0.060, 2}, {"CRC", 0.010, 1}, {"Other", 0, 1}, {"DB Query", -1, -1}};
     for (const auto& e : expected) {
