@@ -133,32 +133,6 @@ TEST_F(LogFileTest, ConvertsPlainToWrappingAndBackKeepingEntries) {
     expectPlainWithNewest(60, 37);
 }
 
-TEST_F(LogFileTest, EntryThatWouldCrossMaximumWrapsAndPadsToExactlyMaxBytes) {
-    const uint32_t maxBytes = 1000, header = static_cast<uint32_t>(utFormatLogHeader(0, maxBytes).size());
-    const uint32_t endLen = static_cast<uint32_t>(kEndLine.size());
-    const uint32_t wrapLen = static_cast<uint32_t>(strlen(kLogWrapMarker)) + 1;
-    const uint32_t fits = maxBytes - wrapLen - endLen - header;  // largest entry a fresh log takes
-    const struct { const char* name; uint32_t first, second; } cases[] = {  // the second (if any) does not fit
-        {"marginal entry fits", fits, 40}, {"one byte more wraps at once", fits + 1, 0},
-        {"padding one line wider", fits - 39, 40}, {"wide padding", 300, fits - 299}};
-    for (const auto& c : cases) {
-        fs::remove(path_);
-        writeLog(maxBytes, 1, 1, c.first);
-        if (c.second) writeLog(maxBytes, 2, 1, c.second);
-        const std::string newest = c.second ? entry(2, c.second) : entry(1, c.first);
-        std::string text = readFile(path_);
-        ASSERT_EQ(maxBytes, text.size()) << c.name;
-        EXPECT_EQ(header - 1 + newest.size(), utParseLogHeader(text.data(), text.find('\n')).nextWrite) << c.name;
-        EXPECT_EQ(newest + kEndLine, text.substr(header - 1, newest.size() + endLen)) << c.name;
-        EXPECT_EQ("*\n", text.substr(maxBytes - 2)) << c.name;
-        uint32_t wrapAt = header + c.first;
-        if (c.second && header - 1 + c.second + endLen <= wrapAt) {  // the marker stands where the last entry ended
-            EXPECT_EQ(std::string(kLogWrapMarker) + "\n" + std::string(maxBytes - wrapAt - wrapLen - 2, ' ') + "*\n",
-                      text.substr(wrapAt)) << c.name;
-        }
-    }
-}
-
 TEST_F(LogFileTest, ChangedMaximumKeepsNewestEntries) {
     writeLog(400, 0, 1, 500);  // an oversized entry is written whole
     EXPECT_NE(std::string::npos, readFile(path_).find(entry(0, 500)));
