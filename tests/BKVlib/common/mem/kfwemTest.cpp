@@ -72,28 +72,6 @@ TEST_F(KfwemTest, RequestsRoundUpToEightWithHeaderAndSmallRemaindersGoWithTheBlo
     }
 }
 
-TEST_F(KfwemTest, ReallocGrowsInPlaceOrMovesKeepingContentsAndCallocZeroes) {
-    const char text[] = "0123456789abcdefghijklm";
-    void* above = KF_MALLOC(64);
-    void* p = KF_MALLOC(sizeof(text));  // cut just below "above"
-    memcpy(p, text, sizeof(text));
-    KF_FREE(above);
-    void* grown = KF_REALLOC(p, 80);
-    EXPECT_EQ(p, grown);
-    EXPECT_EQ(-104, head(grown)->bSize);  // 32 + 72, no remainder worth splitting
-    void* direct = KF_REALLOC(KF_REALLOC(grown, 5000), KF_SEG_SIZE + 100);  // moved within the pool, then out
-    EXPECT_STREQ(text, static_cast<char*>(direct));
-    EXPECT_EQ(1, stats().directBlocks);
-    EXPECT_EQ(direct, KF_REALLOC(direct, 10));  // shrinking keeps the block
-    KF_FREE(direct);
-    p = KF_MALLOC(200);
-    memset(p, 0xEE, 200);  // calloc must clear what an earlier block left behind
-    KF_FREE(p);
-    char* zeroed = static_cast<char*>(KF_CALLOC(50, 4));
-    EXPECT_EQ(std::string(200, '\0'), std::string(zeroed, 200));
-    KF_FREE(zeroed);
-}
-
 TEST_F(KfwemTest, WrongAndFailedCallsAreReportedWithCallerFileAndLine) {
     void* keep = KF_MALLOC(32);
     void* a = KF_MALLOC(32);

@@ -1,6 +1,6 @@
 // The thread layer: mutexes with owner tracking, try-lock across threads and the
-// single-threaded skip; and the signal policy, in forked children so the test process
-// keeps its own signal dispositions: the shutdown wait and SIGUSR1 ending one thread.
+// single-threaded skip; and the signal policy, in a forked child so the test process
+// keeps its own signal dispositions: SIGUSR1 ends one thread and no other.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -17,8 +17,6 @@
 #include "BKVlib/common/unx/psthread.h"
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "tests/BKVlib/common/ut/TraceTestUtil.h"
-
-using ::testing::HasSubstr;
 
 namespace {
 
@@ -70,17 +68,6 @@ protected:
     TempDir dir_;
     std::string path_ = dir_.file("signals.trc");
 };
-
-TEST_F(PsUnxThrTest, ShutdownSignalEndsTheWait) {
-    EXPECT_EQ(0, runTraced([] {
-        PsSignalSets sets;
-        if (psSetupSignals(&sets) != 0) return 3;
-        psSetMultiThreaded(1);
-        if (kill(getpid(), SIGINT) != 0) return 4;
-        return psWaitShutdown(&sets) == 0 && psShutdownBegun() ? 0 : 5;
-    }));
-    EXPECT_THAT(readFile(path_), HasSubstr("YRRO shutting down, signal SIGINT (2) \n"));
-}
 
 std::atomic<bool> gFirstRunning{false}, gStopSecond{false};
 std::atomic<long> gSecondTicks{0};

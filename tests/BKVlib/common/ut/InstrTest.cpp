@@ -1,6 +1,5 @@
 #include "BKVlib/common/ut/instr.h"
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,7 +15,6 @@
 namespace {
 
 void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-std::string tid() { return std::to_string(syscall(SYS_gettid)); }
 
 // One section line of the report: seconds and uses; both -1 when absent.
 struct Section { double seconds = -1; long uses = -1; };
@@ -71,31 +69,6 @@ TEST(InstrTest, ReportChargesTimeToCategoryOnTop) {
         EXPECT_EQ(e.uses, s.uses) << e.name << "\n" << text;
         EXPECT_GE(s.seconds, e.seconds - 0.0005) << e.name;
         EXPECT_LT(s.seconds, e.seconds + 0.25) << e.name;
-    }
-}
-
-TEST(InstrTest, MisuseSuspendsEngineWithReport) {
-    const std::string suspends = "Instrumentation engine suspends operation.\n";
-    // begins: File I/O, CRC, then Compression repeated.
-    const struct { int begins; InstrCategory ended; std::string error, status; } cases[] = {
-        {INSTR_STACK_DEPTH, INSTR_OTHER,
-         "ERROR: Stack overflow detected, Thread: %d, category being entered: Compression\n" + suspends,
-         "Stack overflow"},
-        {2, INSTR_FILE_IO, "ERROR: Invalid category detected, Thread: %d, category being ended: File I/O\n"
-                           "Current category is: CRC\n" + suspends, "Invalid category end call"},
-    };
-    for (const auto& c : cases) {
-        const std::string text = report([&c] {
-            for (int i = 0; i < c.begins; ++i) instrBegin(i == 0 ? INSTR_FILE_IO : i == 1 ? INSTR_CRC : INSTR_COMPRESSION);
-            if (c.ended != INSTR_OTHER) instrEnd(c.ended);
-            instrBegin(INSTR_SLEEP);  // ignored once suspended
-            instrEnd(INSTR_SLEEP);
-        });
-        std::string error = c.error;
-        error.replace(error.find("%d"), 2, tid());
-        EXPECT_NE(std::string::npos, text.find(error)) << text;
-        EXPECT_NE(std::string::npos, text.find("\nCompletion status: " + c.status + "\n")) << text;
-        EXPECT_EQ(-1, section(text, "Sleep").uses) << text;
     }
 }
 
