@@ -27,7 +27,7 @@ protected:
         nlsTerminate();
         ASSERT_EQ("", catalog_.add("en_US", "lib.cat",
                                    "1 KRN0001I Copied %d files to %s.\n2 KRN0002E Failed on %s.\n3 KRN0003W w\n201 KRN0201E e\n"
-                                   "227 KRN0227I Not for the schedule log.\n250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
+                                   "250 KRN0250E Log %3$s off: %1$s (%2$d).\n"));
         std::string used;
         ASSERT_EQ(0, nlsInit("lib.cat", catalog_.dir().c_str(), "lib.cat", NlsSettings(), &used));
         GlobalrC::instance()->clearAllRC();
@@ -35,7 +35,7 @@ protected:
         nlSetSeverityLogger([](uint8_t severity, const char* text) { gLogged.emplace_back(severity, text); });
     }
     void TearDown() override {
-        for (int32_t log : {NL_LOG_ERROR, NL_LOG_SCHED, NL_LOG_THIRD}) nlCloseLog(log);
+        for (int32_t log : {NL_LOG_ERROR, NL_LOG_THIRD}) nlCloseLog(log);
         nlSetSeverityLogger(nullptr);
         GlobalrC::setMsg250Override(false, 0);
         nlsTerminate();
@@ -82,20 +82,13 @@ TEST_F(NlLogPrintfTest, CopiesTextWritesStdoutAndHandsSeverityToLogger) {
     EXPECT_EQ(0, nlIssue(77, 0));  // not in the catalogue
 }
 
-TEST_F(NlLogPrintfTest, LogLinesAreStampedOnce) {
+TEST_F(NlLogPrintfTest, ErrorLogLinesAreStampedOnce) {
     EXPECT_EQ(RC_OK, nlErrorLogWrite("not open yet"));
     ASSERT_EQ(0, nlOpenLog(NL_LOG_ERROR, logPath("error.log").c_str(), 0));
     nlIssue(2, NL_ERRORLOG, "sda");
     nlIssue(1, NL_ERRORLOG | NL_NEWLINE, 2, "/b");
-    ASSERT_EQ(0, nlOpenLog(NL_LOG_SCHED, logPath("sched.log").c_str(), 0));
-    nlSchedLogWrite("part one, ");
-    nlSchedLogWrite("continued\n");
-    nlIssue(227, NL_NEWLINE);
-    nlIssue(2, NL_NEWLINE, "sdd");
     const std::string errors = kStamp + "KRN0002E Failed on sda\\.\n" + kStamp + "KRN0001I Copied 2 files to /b\\.\n";
     EXPECT_TRUE(logMatches("error.log", errors)) << readFile(logPath("error.log"));
-    EXPECT_TRUE(logMatches("sched.log", kStamp + "part one, continued\n" + kStamp + "KRN0002E Failed on sdd\\.\n"))
-        << readFile(logPath("sched.log"));
     nlsTerminate();
     EXPECT_EQ(RC_MISSING_ARG, nlErrorLogWrite("no repository"));
 }
