@@ -34,15 +34,10 @@ TEST_F(TraceFlagsTest, UnknownWordStopsTheListAndKeepsEarlierWords) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(-1, trSetLibFlags("PID bogus TID", 0));
     EXPECT_EQ(-1, trSetLibFlags("-", 1));  // quiet
-    EXPECT_EQ(-1, trSetLibFlags("NOSUCHAGGREGATE", 1));
     EXPECT_EQ(-1, trSetLibFlags("-nosuch", 0));  // reported by the name it looked up
     EXPECT_EQ("Invalid trace flag: BOGUS\nInvalid trace flag: NOSUCH\n", testing::internal::GetCapturedStdout());
     EXPECT_EQ(1, trFlags[TR_PID]);
     EXPECT_EQ(0, trFlags[TR_TID]);
-    trSetLibFlags("ERROR NLS", 0);
-    trEnd(0);  // an end keeps ERROR only
-    EXPECT_EQ(1, trFlags[TR_ERROR]);
-    EXPECT_EQ(0, trFlags[TR_NLS] + trFlags[TR_TIMESTAMP] + trFlags[TR_PID]);
 }
 
 TEST_F(TraceFlagsTest, CallerTablesAndSelfReferringAggregate) {
