@@ -103,7 +103,7 @@ TEST_F(NlLogPrintfTest, FailedThirdLogIsSwitchedOffWithMessage250) {
 }
 
 TEST_F(NlLogPrintfTest, MessageSeveritiesSetRunningMaximaOfReturnCodes) {
-    const struct { int32_t msgNum, rc; } cases[] = {  // one message of each severity class and special number
+    const struct { int32_t msgNum, rc; } cases[] = {  // one message of each severity, and the numbers with fixed codes
         {1, 0}, {2, 12}, {3, 8}, {201, 4}, {263, 12}, {250, 12}, {9999, 0}, {-1, 0}};
     for (const auto& c : cases) EXPECT_EQ(c.rc, GlobalrC::msgRC(c.msgNum)) << c.msgNum;
     const struct { bool enabled; int32_t value, rc; } overrides[] = {{true, 6, 6}, {true, 0, 8}, {false, 6, 12}};

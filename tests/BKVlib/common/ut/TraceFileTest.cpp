@@ -35,7 +35,7 @@ protected:
 };
 
 // A source place is padded to twenty characters and four digits, or kept whole when longer.
-TEST_F(TraceFileTest, PrefixPartsComeInFixedOrderAndSourcePlaceIsPadded) {
+TEST_F(TraceFileTest, PrefixPiecesComeInFixedOrderAndSourcePlaceIsPadded) {
     const std::string stamp = "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
     const std::string pid = "\\[[0-9]{6,}\\] ";
     const std::string place = "src/file\\.cpp        \\(  42\\): value 7\n";
