@@ -120,7 +120,7 @@ TEST_F(LogFileTest, ConvertsPlainToWrappingAndBackKeepingEntries) {
     expectPlainWithNewest(12);
     EXPECT_EQ(7u, testfiles::splitLines(readFile(path_)).size());
     writeLog(3000, 0, 50);
-    writeLog(600, 50, 20);  // a smaller maximum keeps the newest entries, wrapped over and over
+    writeLog(600, 50, 20);  // a smaller maximum keeps the newest entries, and wraps
     EXPECT_EQ(600u, fs::file_size(path_));
     expectPlainWithNewest(70);
 }
