@@ -10,7 +10,6 @@
 
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/RunFiles.h"
-#include "Common/comutils.h"
 #include "gtest/gtest.h"
 #include "tests/support/TestFiles.h"
 
@@ -49,17 +48,14 @@ TEST_F(CmdArgsTest, PathPlannerLinesGiveTheirResult) {
         {{"-version", "-multipath", "5"}, RC_BAD_ARGS, kCommandVersion, "-multipath", ""},
         {{"multipath", "5"}, RC_BAD_ARGS, kMp, "multipath", ""},
         {{"-multipath", "5", "stray"}, RC_BAD_ARGS, kMp, "stray", ""},
-        {{""}, RC_BAD_ARGS, kMp, "", ""},
         {{"-installLoc", "/opt"}, RC_BAD_ARGS, kMp, "-installLoc", ""},
         {{longWord, "MIN"}, RC_BAD_ARGS, kMp, longWord, ""},
         {{"-debug", "verbose"}, RC_BAD_ARGS, kMp, "-debug", "Invalid debug mode"},
         {{"-maxnumlogs", "12abc"}, RC_BAD_ARGS, kMp, "-maxnumlogs", "Invalid maxNumLogs value"},
         {{"-maxlogsize", "2147483648"}, RC_BAD_ARGS, kMp, "-maxlogsize", "Invalid maxLogSize value"},
-        {{"-serverport", "65536"}, RC_BAD_ARGS, kMp, "-serverport", "Invalid ServerPort value"},
         // A value-taking option at the end of the line.
         {{"-multipath"}, RC_MISSING_VALUE, kMp, "-multipath", "Multipath options list is missing."},
         {{"-multipath", "5", "-maxnumlogs"}, RC_MISSING_VALUE, kMp, "-maxnumlogs", "maxNumLogs not specified"},
-        {{"-version", "-servername"}, RC_MISSING_VALUE, kCommandVersion, "-servername", "ServerName not specified"},
     };
     for (const auto& c : cases) {
         CmdArgs& args = line(c.words);
@@ -85,12 +81,9 @@ TEST_F(CmdArgsTest, OptionValuesAreStored) {
 }
 
 TEST(SplitMultipathValueTest, TokensLoseTheirQuotes) {
-    const std::string longToken(5000, 'w');
     const std::pair<std::string, Words> cases[] = {
-        {"5", {"5"}}, {"", {""}}, {"2;dev1", {"2", "dev1"}}, {"0;dev1;", {"0", "dev1", ""}}, {";", {"", ""}},
-        {"\"3\";\"dev1\"", {"3", "dev1"}}, {"\"3;dev1\"", {"3", "dev1"}}, {"\"", {""}}, {"\"\"", {""}},
-        {"\"\"x\"\"", {"\"x\""}}, {"a\"b", {"a\"b"}}, {" 2 ; dev 1 ", {" 2 ", " dev 1 "}},
-        {"1;d\xc3\xa9v;\xff", {"1", "d\xc3\xa9v", "\xff"}}, {"5;" + longToken, {"5", longToken}},
+        {"5", {"5"}}, {"0;dev1;", {"0", "dev1", ""}}, {"\"3\";\"dev1\"", {"3", "dev1"}}, {"\"3;dev1\"", {"3", "dev1"}},
+        {"\"\"", {""}}, {"\"\"x\"\"", {"\"x\""}}, {" 2 ; dev 1 ", {" 2 ", " dev 1 "}},
     };
     for (const auto& c : cases) {
         CmdArgs args(0, nullptr, kParseModePathPlanner);
@@ -98,30 +91,6 @@ TEST(SplitMultipathValueTest, TokensLoseTheirQuotes) {
         EXPECT_EQ(c.second, args.multipathOptions) << c.first;
         EXPECT_EQ(c.first, args.multipathValue);
     }
-}
-
-TEST_F(CmdArgsTest, InstallLocAndRunNumbersSettleTheFiles) {
-    CmdArgs& args = line({"-multipath", "5"});
-    args.installDir.clear();
-    args.installLoc = dir_.path();
-    args.jobRunNumber = 12;
-    args.sidRunNumber = 34;
-    ASSERT_EQ(RC_OK, args.parse());
-    EXPECT_EQ(dir_.path(), args.installDir);
-    settleRunFiles(&args);
-    EXPECT_EQ(logDir_ + "/multipath_12_34.jobinfo", args.jobFileName);
-}
-
-TEST_F(CmdArgsTest, UnknownInstallDirectoryGives59) {
-    if (!getInstallLocation().empty()) GTEST_SKIP() << "this host has the agent installed";
-    CmdArgs& bad = line({"-bogus"});
-    bad.installDir.clear();
-    EXPECT_EQ(RC_BAD_ARGS, bad.parse());  // a rejected line keeps its own result
-    CmdArgs& args = line({"-multipath", "5"});
-    args.installDir.clear();
-    EXPECT_EQ(RC_NO_INSTALL_DIR, args.parse());
-    EXPECT_EQ("Unable to determine install location\n", args.errorText);
-    EXPECT_TRUE(args.jobName.empty());
 }
 
 // Parsing leaves the log directory alone; settling the run's files names and purges.
@@ -140,7 +109,6 @@ TEST_F(CmdArgsTest, LimitsSelectAndPurgeNumberedLogs) {
         // 0 is no limit; the trace series is purged like the logs.
         {traces, {"-maxnumlogs", "0", "-maxnumruns", "2"}, "multipath_000001.log", "",
          {"multipath_000001.trace", "multipath_000002.trace"}},
-        {traces, {"-maxnumlogs", "0"}, "multipath_000001.log", "", {}},
     };
     for (const auto& c : cases) {
         std::filesystem::remove_all(logDir_);
@@ -161,8 +129,6 @@ TEST_F(CmdArgsTest, LimitsSelectAndPurgeNumberedLogs) {
             bool removed = std::find(c.removed.begin(), c.removed.end(), file) != c.removed.end();
             EXPECT_NE(removed, testfiles::fileExists(logDir_ + "/" + file)) << file;
         }
-        EXPECT_EQ("multipath", args.jobName);
-        EXPECT_EQ("", args.jobFileName);
     }
 }
 
