@@ -125,7 +125,7 @@ TEST(MultipathZPLTest, SetStateFailuresAreCollected) {
 TEST(MultipathZPLTest, FailedDeviceQueryIsRetriedAndNotCached) {
     const struct { CommandResult answer; int32_t id; const char* traced; } cases[] = {
         {answer(0, kDevices), 12, ""},
-        {answer(1, "", "lunctl: driver not loaded"), -1, "Failed to get 'lunctl query device': lunctl: driver not loaded\n"},
+        {answer(1, "", "lunctl: not loaded"), -1, "Failed to get 'lunctl query device': lunctl: not loaded\n"},
         {answer(0, "No device file found"), -1, "Failed to get 'lunctl query device': No device file found\n"},
     };
     for (const auto& c : cases) {
