@@ -21,11 +21,6 @@ protected:
     std::string path_ = dir_.file("multipath.trace");
 };
 
-TEST_F(AgentTraceTest, SizeInKilobytesBecomesWholeMegabytes) {
-    const int32_t cases[][2] = {{100, 1}, {3071, 2}, {2047, 1}, {2048, 2}, {0, 1}, {-7, 1}};
-    for (const auto& c : cases) EXPECT_EQ(c[1], naTraceSizeMB(c[0])) << c[0] << " KB";
-}
-
 TEST_F(AgentTraceTest, DebugModeChoosesTheRecords) {
     const std::pair<const char*, std::string> cases[] = {
         {"MIN", "min "}, {"MID", "min mid "}, {"max", "enter min mid max exit "}};

@@ -1,10 +1,9 @@
-// Helpers of the agent's Unix layer the tool runs: file names and signals. Signals are
-// tried in a forked child, so this process keeps its own signal set-up and process group.
+// The stop signals of the agent's Unix layer, tried in a forked child, so this process
+// keeps its own signal set-up and process group.
 #include <unistd.h>
 
 #include <csignal>
 
-#include "Common/unix/psnautil.h"
 #include "Common/unix/pssignal.h"
 #include "gtest/gtest.h"
 #include "tests/support/TestFiles.h"
@@ -12,13 +11,6 @@
 namespace {
 
 using testfiles::inChild;
-
-// Capture file names may come in one pair of double quotes.
-TEST(PsnautilTest, QuotedNamesAreUnquotedOnce) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"\"a\"", "a"}, {"\"\"\"", "\""}, {"\"\"", "\"\""}, {"\"a b", "\"a b"}};
-    for (const auto& c : cases) EXPECT_EQ(c.second, psUnquote(c.first)) << c.first;
-}
 
 TEST(PsSignalTest, TermAndInterruptSetStopFlagOthersDoNothing) {
     EXPECT_EQ(0, inChild([] {
