@@ -4,11 +4,8 @@
 #include "tests/fakes/FakeTools.h"
 
 using ::testing::ByMove;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Return;
-using ::testing::StrictMock;
-using fakes::MockMultipathDriver;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -30,7 +27,6 @@ protected:
 // A refused request stores nothing; only the option that is not a number is logged.
 TEST_F(ExecPathPlannerTest, ValidateArgsStoresOrRefusesTheRequest) {
     const struct { Lines tokens; int32_t rc; MultipathRequest stored; const char* trace; const char* message; } cases[] = {
-        {{"5", "x", "y"}, RC_OK, {5, {}, {}}, "Multipath Walk-The-Bus Action\n", ""},
         {{"2", "dev1"}, RC_OK, {2, {"dev1"}, {}}, "Multipath Policy Change Action\n", ""},
         {{"0", "dev1", "w1", "w2"}, RC_OK, {0, {"dev1"}, {"w1", "w2"}}, "Multipath State Change Action\n", ""},
         // Read like "%d": leading blanks skipped, sign allowed, trailing text ignored.
@@ -62,29 +58,6 @@ TEST_F(ExecPathPlannerTest, StateChangeWithoutDriverReturnsNoDriver) {
     plan(&planner, nullptr);
     EXPECT_EQ(RC_NO_MULTIPATH_DRIVER, runRequestedAction(&planner, {kSettingOffline, {"dev1"}, {"w1"}}));
     EXPECT_THAT(log.text(), HasSubstr("AGT0456E"));
-}
-
-// The setting picks the action; the announcement, if any, precedes the driver call.
-TEST_F(ExecPathPlannerTest, SettingPicksTheActionAndItsAnnouncement) {
-    fakes::TraceCapture trace;
-    MockPlannerDriver planner;
-    auto policyDriver = std::make_unique<StrictMock<MockMultipathDriver>>();
-    EXPECT_CALL(*policyDriver, setPolicy(3, ElementsAre("lun7", "lun8"))).WillOnce(Return(RC_SETTING_NOT_SUPPORTED));
-    plan(&planner, std::move(policyDriver));
-    fakes::LogCapture policyLog;
-    EXPECT_EQ(RC_SETTING_NOT_SUPPORTED, runRequestedAction(&planner, {3, {"lun7", "lun8"}, {}}));
-    EXPECT_THAT(policyLog.text(), HasSubstr("AGT0458I"));
-    auto stateDriver = std::make_unique<StrictMock<MockMultipathDriver>>();
-    EXPECT_CALL(*stateDriver, setState(0, "lun7", ElementsAre("500507680140a1b2", "500507680140a1b3")))
-        .WillOnce(Return(RC_ZPL_DEVICE_NOT_FOUND));
-    plan(&planner, std::move(stateDriver));
-    fakes::LogCapture stateLog;
-    EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND,
-              runRequestedAction(&planner, {0, {"lun7"}, {"500507680140a1b2", "500507680140a1b3"}}));
-    EXPECT_EQ("", stateLog.text());
-    EXPECT_THAT(trace.text(), HasSubstr("Calling: setPolicy with multipathSetting = 3 for devices \"lun7 lun8\"\n"));
-    EXPECT_THAT(trace.text(), HasSubstr("Calling: setState with multipathSetting = 0 for device \"lun7\" for wwpns = "
-                                        "\"500507680140a1b2 500507680140a1b3\"\n"));
 }
 
 }  // namespace

@@ -36,21 +36,6 @@ TEST(MsgCompilerTest, RejectsBadSourceLinesAndInsertSets) {
     }
 }
 
-TEST(MsgCompilerTest, TranslationMustKeepIdentifier) {
-    std::map<uint16_t, msgc::SourceMessage> catalogue;
-    std::string error;
-    auto merge = [&](const std::string& source) {
-        std::vector<msgc::SourceMessage> messages;
-        EXPECT_TRUE(msgc::parseSource(source, "s.txt", &messages, &error)) << error;
-        return msgc::mergeSource(messages, "s.txt", &catalogue, &error);
-    };
-    ASSERT_TRUE(merge("5 AGT0005I five\n")) << error;
-    ASSERT_TRUE(merge("5 AGT0005I fünf\n")) << error;
-    EXPECT_EQ("fünf", catalogue[5].text);
-    EXPECT_FALSE(merge("5 AGT0006I six\n"));
-    EXPECT_FALSE(merge("7 AGT0007I a\n7 AGT0007I b\n"));
-}
-
 TEST(MsgCompilerTest, GencatLineEscapesControlBytes) {
     EXPECT_EQ("9 A\\001b\\\\c\\nd\\022\n", msgc::gencatLine(9, std::string("A\x01" "b\\c\nd\x12")));
 }
