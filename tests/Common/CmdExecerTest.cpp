@@ -23,7 +23,7 @@ TEST(CmdExecerTest, CommandQuotesProgramAndAppendsToCaptureFiles) {
     EXPECT_EQ(RC_NOT_RUN, CmdExecer({}).runCommand());
 }
 
-// Without capture files of its own, a command writes to two of its own in /tmp, gone with it.
+// A command given no capture files gets two of its own in /tmp, removed with the command.
 TEST(CmdExecerTest, TemporaryCaptureFilesAreDeleted) {
     const std::string command = CmdExecer({"/bin/true"}).getCommand();
     std::smatch names;
