@@ -32,16 +32,9 @@ protected:
 
 TEST_F(LogUtilTest, NextNameFollowsTheHighestNumber) {
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{}, "multipath_000001.log"},
-        {{"multipath_000003.log", "multipath_000007.log"}, "multipath_000008.log"},
+        {{"multipath_000003.log", "multipath_000007.log", "multipath_000009.trace"}, "multipath_000008.log"},
         {{"multipath_00a009.log", "multipath_000009.log.old", "multipath_000002.log"}, "multipath_000003.log"},
-        {{"multipath_000009.trace", "multipath_000009", "multipath_000009.LOG", "multipath.log", "multipath_12.log",
-          "other_000009.log", "multipat_000009.log"}, "multipath_000001.log"},
-        // The byte between prefix and number is not checked; digits run on past six.
-        {{"multipathX000004.log", "multipath_0000123.log"}, "multipath_000124.log"},
-        {{"multipath_000009.trace.log"}, "multipath_000010.log"},
         // A number with no successor is not taken as a run number.
-        {{"multipath_2147483646.log"}, "multipath_2147483647.log"},
         {{"multipath_2147483647.log", "multipath_99999999999999999999.log"}, "multipath_000001.log"},
     };
     for (const auto& c : cases) {
@@ -54,24 +47,19 @@ TEST_F(LogUtilTest, NextNameFollowsTheHighestNumber) {
 
 TEST_F(LogUtilTest, SizeLimitDecidesWhetherTheLastFileGoesOn) {
     const struct { int64_t size; int32_t maxSizeKB; bool goesOn; } cases[] = {
-        {3072, 4, true}, {3071, 4, true}, {3073, 4, false}, {4096, 4, false},  // 1 KB of room is enough
-        {0, 0, false},                                                        // no limit at all
+        {3072, 4, true}, {3073, 4, false},  // 1 KB of room is enough
+        {0, 0, false},                      // no limit at all
         {(int64_t{4} << 30) + 100, 4, true},  // only the low 32 bits count: 4 GB and 100 bytes looks like 100
-        {0, 3000000, false},  // a limit of 2 GB and more is negative in 32 bits: even an empty file is "full"
-        {-1, 1024, false},    // the size cannot be read
     };
     for (const auto& c : cases) {
         clear();
         make("multipath_000002.log");
-        if (c.size < 0) symlink(dir_.file("gone").c_str(), dir_.file("multipath_000005.log").c_str());
-        if (c.size >= 0) make("multipath_000005.log", c.size);
+        make("multipath_000005.log", c.size);
         LogPurgeSettings settings;
         settings.maxSize = c.maxSizeKB;
         EXPECT_EQ(c.goesOn ? "multipath_000005.log" : "multipath_000006.log", next(&settings, true)) << c.size;
         EXPECT_EQ(!c.goesOn, settings.newLogStarted) << c.size << " bytes, " << c.maxSizeKB << " KB";
     }
-    LogPurgeSettings none;
-    EXPECT_EQ("multipath_000001.log", getNextLogName(none, dir_.file("none"), "multipath", ".log", true));
 }
 
 TEST_F(LogUtilTest, PurgeKeepsTheNewestByCountAndDropsOldFilesByAge) {
@@ -82,12 +70,10 @@ TEST_F(LogUtilTest, PurgeKeepsTheNewestByCountAndDropsOldFilesByAge) {
     const struct { std::vector<time_t> ages; bool useAge; LogPurgeSettings settings; Numbers kept, keys; } cases[] = {
         {fresh, false, {100, 2, 0, 0, true}, {3}, {3}},  // a new log takes one of the places
         {fresh, false, {100, 2, 0, 0, false}, {2, 3}, {2, 3}},
-        {fresh, false, {100, 4, 0, 0, true}, {1, 2, 3}, {1, 2, 3}},
         {fresh, false, {100, 0, 0, 0, true}, {}, {}},
         // Age takes 1 and 2; the count rule (aged limit 3) then "deletes" 1 again,
         // so two files are left where the limit would allow three.
         {aged, true, {3, 1, 5, 0, false}, {3, 4}, {2, 3, 4}},
-        {aged, true, {3, 1, 11, 0, false}, {2, 3, 4}, {2, 3, 4}},
         {aged, false, {3, 1, 5, 0, false}, {4}, {4}},
     };
     for (const auto& c : cases) {

@@ -1,24 +1,14 @@
 #include "PathPlanner/ExecPathPlanner.h"
 
-#include "Common/unix/pssignal.h"
 #include "PathPlanner/PPlannerDriver.h"
 #include "tests/fakes/FakeTools.h"
 
 using ::testing::ByMove;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Return;
-using ::testing::StrictMock;
-using fakes::MockMultipathDriver;
 using Lines = std::vector<std::string>;
 
 namespace {
-
-class MockWalkTheBus : public WalkTheBus {
-public:
-    MockWalkTheBus() : WalkTheBus(nullptr) {}
-    MOCK_METHOD(int32_t, walkTheBus, (), (override));
-};
 
 class MockPlannerDriver : public PPlannerDriver {
 public:
@@ -28,7 +18,6 @@ public:
 
 class ExecPathPlannerTest : public ::testing::Test {
 protected:
-    void TearDown() override { agentStopRequested = 0; }
     // The planner hands out this driver at its next call.
     static void plan(MockPlannerDriver* planner, std::unique_ptr<MultipathDriver> driver) {
         EXPECT_CALL(*planner, getMultipathDriver()).WillOnce(Return(ByMove(std::move(driver))));
@@ -38,19 +27,14 @@ protected:
 // A refused request stores nothing; only the option that is not a number is logged.
 TEST_F(ExecPathPlannerTest, ValidateArgsStoresOrRefusesTheRequest) {
     const struct { Lines tokens; int32_t rc; MultipathRequest stored; const char* trace; const char* message; } cases[] = {
-        {{"5", "x", "y"}, RC_OK, {5, {}, {}}, "Multipath Walk-The-Bus Action\n", ""},
         {{"2", "dev1"}, RC_OK, {2, {"dev1"}, {}}, "Multipath Policy Change Action\n", ""},
         {{"0", "dev1", "w1", "w2"}, RC_OK, {0, {"dev1"}, {"w1", "w2"}}, "Multipath State Change Action\n", ""},
         // Read like "%d": leading blanks skipped, sign allowed, trailing text ignored.
         {{"  +3abc", "dev1"}, RC_OK, {3, {"dev1"}, {}}, "Multipath Policy Change Action\n", ""},
-        {{}, RC_MISSING_VALUE, {}, "No multipath arguments to work with.\n", "AGT0272E"},
-        {{"abc", "dev1"}, RC_BAD_ARGS, {}, " 'abc' is not a valid multipath option.\n", "AGT0398E"},
         {{""}, RC_BAD_ARGS, {}, " '<NULL>' is not a valid multipath option.\n", "AGT0398E"},
-        {{"7", "dev1"}, RC_UNKNOWN_SETTING, {}, "Unknown multipathSetting: 7\n", ""},
         {{"99999999999", "dev1"}, RC_UNKNOWN_SETTING, {}, "Unknown multipathSetting: 2147483647\n", ""},
         {{"0", "dev1"}, RC_MISSING_VALUE, {}, "Multipath arguments are incomplete, lundev or its paths are missing.\n",
          ""},
-        {{"2"}, RC_MISSING_VALUE, {}, "Multipath arguments are incomplete, lundevs are missing.\n", ""},
     };
     for (const auto& c : cases) {
         fakes::TraceCapture trace;
@@ -67,52 +51,13 @@ TEST_F(ExecPathPlannerTest, ValidateArgsStoresOrRefusesTheRequest) {
     }
 }
 
-TEST_F(ExecPathPlannerTest, PolicyAndStateWithoutDriverReturnNoDriver) {
-    for (int32_t setting : {kSettingOffline, kSettingFailover}) {
-        fakes::LogCapture log;
-        MockPlannerDriver planner;
-        plan(&planner, nullptr);
-        EXPECT_EQ(RC_NO_MULTIPATH_DRIVER, runRequestedAction(&planner, {setting, {"dev1"}, {"w1"}})) << setting;
-        EXPECT_THAT(log.text(), HasSubstr("AGT0456E")) << setting;
-    }
-}
-
-// The setting picks the action; the announcement, if any, precedes the driver call.
-TEST_F(ExecPathPlannerTest, SettingPicksTheActionAndItsAnnouncement) {
-    fakes::TraceCapture trace;
+// The policy change is RunFlowE2eTest's.
+TEST_F(ExecPathPlannerTest, StateChangeWithoutDriverReturnsNoDriver) {
+    fakes::LogCapture log;
     MockPlannerDriver planner;
-    auto policyDriver = std::make_unique<StrictMock<MockMultipathDriver>>();
-    EXPECT_CALL(*policyDriver, setPolicy(3, ElementsAre("lun7", "lun8"))).WillOnce(Return(RC_SETTING_NOT_SUPPORTED));
-    plan(&planner, std::move(policyDriver));
-    fakes::LogCapture policyLog;
-    EXPECT_EQ(RC_SETTING_NOT_SUPPORTED, runRequestedAction(&planner, {3, {"lun7", "lun8"}, {}}));
-    EXPECT_THAT(policyLog.text(), HasSubstr("AGT0458I"));
-    auto stateDriver = std::make_unique<StrictMock<MockMultipathDriver>>();
-    EXPECT_CALL(*stateDriver, setState(0, "lun7", ElementsAre("500507680140a1b2", "500507680140a1b3")))
-        .WillOnce(Return(RC_ZPL_DEVICE_NOT_FOUND));
-    plan(&planner, std::move(stateDriver));
-    fakes::LogCapture stateLog;
-    EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND,
-              runRequestedAction(&planner, {0, {"lun7"}, {"500507680140a1b2", "500507680140a1b3"}}));
-    EXPECT_EQ("", stateLog.text());
-    EXPECT_THAT(trace.text(), HasSubstr("Calling: setPolicy with multipathSetting = 3 for devices \"lun7 lun8\"\n"));
-    EXPECT_THAT(trace.text(), HasSubstr("Calling: setState with multipathSetting = 0 for device \"lun7\" for wwpns = "
-                                        "\"500507680140a1b2 500507680140a1b3\"\n"));
-}
-
-TEST_F(ExecPathPlannerTest, WalkTheBusReturnsVehicleResultUnlessStopped) {
-    for (bool stop : {false, true}) {
-        fakes::LogCapture log;
-        fakes::TraceCapture trace;
-        agentStopRequested = stop;
-        auto vehicle = std::make_unique<MockWalkTheBus>();
-        EXPECT_CALL(*vehicle, walkTheBus()).Times(stop ? 0 : 1).WillRepeatedly(Return(42));
-        MockPlannerDriver planner;
-        EXPECT_CALL(planner, getWalkTheBusVehicle()).WillOnce(Return(ByMove(std::move(vehicle))));
-        EXPECT_EQ(stop ? RC_CANCELLED : 42, runRequestedAction(&planner, {kSettingWalkTheBus, {}, {}}));
-        EXPECT_THAT(log.text(), HasSubstr(stop ? "AGT0445I" : "AGT0459I"));
-        if (stop) { EXPECT_THAT(trace.text(), HasSubstr("PathPlanner cancelled due to Agent stop signal\n")); }
-    }
+    plan(&planner, nullptr);
+    EXPECT_EQ(RC_NO_MULTIPATH_DRIVER, runRequestedAction(&planner, {kSettingOffline, {"dev1"}, {"w1"}}));
+    EXPECT_THAT(log.text(), HasSubstr("AGT0456E"));
 }
 
 }  // namespace

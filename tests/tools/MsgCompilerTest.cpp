@@ -22,35 +22,18 @@ TEST(MsgCompilerTest, ParsesSourceWithCommentsEscapesAndContinuations) {
 }
 
 TEST(MsgCompilerTest, RejectsBadSourceLinesAndInsertSets) {
-    for (const char* line : {"x AGT0001I text\n", "0 AGT0001I text\n", "70000 AGT0001I text\n", "1 AG0001I text\n",
-                             "1 AGT001I text\n", "1 agt0001I text\n", "1 AGT0001I bad \\q\n", "1 AGT0001I ctrl \x10\n",
-                             "1 AGT0001I dc2 \x12\n"}) {
+    for (const char* line : {"x AGT0001I text\n", "70000 AGT0001I text\n", "1 AGT001I text\n", "1 AGT0001I bad \\q\n",
+                             "1 AGT0001I ctrl \x10\n"}) {
         std::vector<msgc::SourceMessage> messages;
         std::string error;
         EXPECT_FALSE(msgc::parseSource(line, "s.txt", &messages, &error)) << line;
         EXPECT_EQ(0u, error.find("s.txt:1: ")) << error;
     }
-    for (const char* text : {"%1$s %s", "%1$s %1$s", "%2$s", "%3$s %1$s", "%1$*d", "%n", "%q",
-                             "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d"}) {
+    for (const char* text : {"%1$s %s", "%2$s", "%1$*d", "%n", "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d"}) {
         std::string body, error;
         EXPECT_FALSE(msgc::compileText(text, true, &body, &error)) << text;
         EXPECT_FALSE(error.empty()) << text;
     }
-}
-
-TEST(MsgCompilerTest, TranslationMustKeepIdentifier) {
-    std::map<uint16_t, msgc::SourceMessage> catalogue;
-    std::string error;
-    auto merge = [&](const std::string& source) {
-        std::vector<msgc::SourceMessage> messages;
-        EXPECT_TRUE(msgc::parseSource(source, "s.txt", &messages, &error)) << error;
-        return msgc::mergeSource(messages, "s.txt", &catalogue, &error);
-    };
-    ASSERT_TRUE(merge("5 AGT0005I five\n")) << error;
-    ASSERT_TRUE(merge("5 AGT0005I fünf\n")) << error;
-    EXPECT_EQ("fünf", catalogue[5].text);
-    EXPECT_FALSE(merge("5 AGT0006I six\n"));
-    EXPECT_FALSE(merge("7 AGT0007I a\n7 AGT0007I b\n"));
 }
 
 TEST(MsgCompilerTest, GencatLineEscapesControlBytes) {

@@ -72,30 +72,12 @@ TEST(DMMapViewTest, ReadsRealListingWithFailedPaths) {
     EXPECT_EQ(lines[7], "  sdb 8:16 0:0:0:1 failed ready running");
 }
 
-// The 0.4.8 layout is DMTopologyParserTest's; the oldest has no dm name or model,
-// no priorities, and the checker state first.
-TEST(DMMapViewTest, ReadsTheOldestBracketedListing) {
-    EXPECT_EQ(parse(fixture("multipath-ll-v2.bracketed-0.4.5.stdout")),
-              (Lines{"mpath1 wwid=3600508b4000156d700012000000b0000 dm=null vendor=null product=null size=5 GB "
-                     "features=1 queue_if_no_path queueing=true hwhandler=0",
-                     " 1 policy=round-robin 0 prio=null status=active preferred",
-                     "  sda 8:0 0:0:0:1 active ready null",
-                     "  sdb 8:16 1:0:0:1 active ready null",
-                     " 2 policy=round-robin 0 prio=null status=enabled",
-                     "  sdc 8:32 0:0:1:1 failed faulty null"}));
-}
-
 // The kernel prints the address in decimal; host 10 is host 10 here.
 TEST(DMMapViewTest, ReadsAddressesInDecimal) {
     const char* cases[][2] = {  // path line, the path it gives ("": none)
         {"`- 10:0:3:255 sdq 65:0 active ready running", "  sdq 65:0 10:0:3:255 active ready running"},
         {"`- 4294967295:0:0:18446744073709551615 sdr 1:1 active", "  sdr 1:1 4294967295:0:0:18446744073709551615 active null null"},
         {"`- 4294967296:0:0:0 sds 1:1 active ready running", ""},
-        {"`- 0:0:0 sdt 1:1 active ready running", ""},
-        {"`- 0:0:0:0:0 sdu 1:1 active ready running", ""},
-        {"`- 0:0:a:0 sdv 1:1 active ready running", ""},
-        {"`- 0:0:0:0 - 1:1 active ready running", ""},
-        {"`- #:#:#:# - #:# active faulty running", ""},
     };
     for (const auto& c : cases) {
         Lines lines = parse(std::string("m (0123456789ab) dm-0 V,P\n`-+- policy='x' prio=1 status=active\n") + c[0]);
@@ -109,41 +91,12 @@ TEST(DMMapViewTest, LineEndsAndBlankLinesDoNotMatter) {
     std::string crlf;
     for (char c : listing) crlf += c == '\n' ? std::string("\r\n\r\n") : std::string(1, c);
     EXPECT_EQ(parse(crlf), kTwoMaps);
-    EXPECT_EQ(parse(listing.substr(0, listing.size() - 1)), kTwoMaps);
     EXPECT_EQ(parse(""), Lines{});
-    EXPECT_EQ(parse("\n\n  \n"), Lines{});
-}
-
-// A listing cut anywhere gives a prefix of the full view's maps, never a crash or a
-// path in the wrong map.
-TEST(DMMapViewTest, TruncatedListingKeepsItsMaps) {
-    const std::string listing = fixture("multipath-ll-v2.two-maps.stdout");
-    for (size_t cut = 0; cut <= listing.size(); ++cut) {
-        std::vector<DmViewMap> maps = dmParseMapView(listing.substr(0, cut));
-        ASSERT_LE(maps.size(), 2u) << cut;
-        for (const DmViewMap& map : maps) {
-            for (const DmViewGroup& group : map.groups) {
-                for (const DmViewPath& path : group.paths) {
-                    EXPECT_EQ(path.lun, map.name == "mpatha" ? 0u : 1u) << cut << " " << path.device;
-                }
-            }
-        }
-    }
-}
-
-TEST(DMMapViewTest, PathsBeforeAnyGroupGetOne) {
-    EXPECT_EQ(parse("garbage before maps\nm (0123456789ab)\n `- 1:2:3:4 sdz 8:0 active ready running\n"),
-              (Lines{"m wwid=0123456789ab dm=null vendor=null product=null size=null features=null queueing=null "
-                     "hwhandler=null",
-                     " 1 policy=null prio=null status=null preferred", "  sdz 8:0 1:2:3:4 active ready running"}));
 }
 
 TEST(DMMapViewTest, NormalizesWwpns) {
     const std::pair<const char*, const char*> good[] = {
         {"21000024ff123456", "21000024ff123456"},
-        {"0x21000024FF123456", "21000024ff123456"},
-        {"0X21000024ff123456\n", "21000024ff123456"},
-        {"21:00:00:24:ff:12:34:56", "21000024ff123456"},
         {" 0x21:00:00:24:FF:12:34:56 ", "21000024ff123456"},
     };
     for (const auto& c : good) {

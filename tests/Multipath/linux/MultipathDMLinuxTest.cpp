@@ -11,47 +11,29 @@ using ::testing::HasSubstr;
 
 std::string fixture(const std::string& name) { return testfiles::testData("Multipath/linux/data/" + name); }
 
-// A driver whose commands holding a chosen word cannot be run (or get no executor).
+// A driver whose commands holding a chosen word cannot be run.
 class FailingDriver : public MultipathDMLinux {
 public:
-    FailingDriver(const std::string& dir, std::string word, bool created)
-        : MultipathDMLinux(dir), word_(dir + word), created_(created) {}
+    FailingDriver(const std::string& dir, std::string word) : MultipathDMLinux(dir), word_(std::move(word)) {}
 
 protected:
     CommandResult runTool(const std::vector<std::string>& args) override {
-        std::string word = word_.substr(word_.rfind('/') + 1);
-        bool hit = args[0] == word_ || std::find(args.begin(), args.end(), word) != args.end();
-        if (!hit) return MultipathDMLinux::runTool(args);
+        if (std::find(args.begin(), args.end(), word_) == args.end()) return MultipathDMLinux::runTool(args);
         CommandResult run;
-        run.created = created_;
-        run.cmdLine = args[0] + " " + word;
+        run.created = true;
+        run.cmdLine = args[0] + " " + word_;
         return run;
     }
 
 private:
     std::string word_;
-    bool created_;
 };
 
-struct FixedVersionDriver : MultipathDMLinux {
-    std::string version;
-    std::string getVersion() override { return version; }
-};
-
-// Fake rpm, multipath and dmsetup, with the tools' package installed.
+// Fake rpm, dmsetup and multipathd. The topology listing and its failures are
+// TopologyE2eTest's.
 class MultipathDMLinuxTest : public ::testing::Test {
 protected:
-    MultipathDMLinuxTest() {
-        tools.answer("rpm.-qa", "bash-5.2.15-2\nmultipath-tools-0.9.4-3\nlibc6-2.36\n");
-        tools.answer("rpm", "multipath-tools-0.9.4-3\n");  // every "rpm -q <package>"
-    }
-    DmListingResult listing(MultipathDMLinux* driver, Topology* topology, MultipathDriver* versionFrom = nullptr) {
-        DmListingResult result;
-        driver->getMultipathConfig(topology, versionFrom, &result);
-        return result;
-    }
-
-    fakes::FakeTools tools{"rpm", "multipath", "dmsetup", "multipathd"};
+    fakes::FakeTools tools{"rpm", "dmsetup", "multipathd"};
 };
 
 // The package list goes through the real awk, so its filter is exercised too.
@@ -59,13 +41,9 @@ TEST_F(MultipathDMLinuxTest, VersionFromPackageQuery) {
     const char* cases[][5] = {  // packages listed, what "rpm -q" says and on stderr, version, trace
         {"bash\nmultipath-tools-0.9.4-3\n", "multipath-tools-0.9.4-3\nsecond\n", "", "multipath-tools-0.9.4-3",
          "multipath driver version: multipath-tools-0.9.4-3\n"},
-        {"device-mapper-multipath-0.4.9-1\n", "device-mapper-multipath-0.4.9-1\n", "",
-         "device-mapper-multipath-0.4.9-1", "version: device-mapper-multipath-0.4.9-1\n"},
         {"bash\nlibc6\n", "bash\n", "", "", "multipath driver version: <NULL>\n"},
         {"multipath-tools\n", "package multipath-tools is not installed\n", "", "",
          "No multipath tools version installed.\n"},
-        {"multipath-tools\n", "multipath-tools is not installed\n", "", "multipath-tools is not installed",
-         "version: multipath-tools is not installed\n"},
         {"multipath-tools-0.9.4-3\n", "multipath-tools-0.9.4-3\n", "warning: rpmdb is locked\n", "",
          "Error getting Multipath version: warning: rpmdb is locked\\n\n"},  // the line feed escaped
     };
@@ -82,113 +60,19 @@ TEST_F(MultipathDMLinuxTest, VersionFromPackageQuery) {
         const Lines calls = tools.calls("rpm");
         EXPECT_EQ(std::count(calls.begin() + before, calls.end(), "-qa"), *c[3] ? 1 : 2) << c[0];
     }
-    // A package filter that fails gives no version, whatever it printed.
+}
+
+// A table that cannot be read stops the switch rather than count the map as not queueing.
+TEST_F(MultipathDMLinuxTest, SwitchStopsAtACommandThatCannotRun) {
+    tools.answer("dmsetup.ls", fixture("dmsetup-ls.two-maps.stdout"));
     fakes::LogCapture log;
-    tools.install("awk");
-    tools.answer("awk", "multipath-tools-0.9.4-3\n", 2, "awk: syntax error\n");
-    EXPECT_EQ(MultipathDMLinux(tools.dir()).getVersion(), "");
+    DmQueueingSwitchResult result;
+    EXPECT_EQ(FailingDriver(tools.dir(), "table").setFailIfNoPath(&result), RC_OK);
+    EXPECT_TRUE(result.stopped);
+    EXPECT_TRUE(result.notQueueing.empty());
+    EXPECT_EQ(result.failedCommand, tools.dir() + "dmsetup table");
+    EXPECT_EQ(tools.calls("dmsetup"), Lines{"ls"});
     EXPECT_THAT(log.text(), HasSubstr("STA0356E"));
-}
-
-// The end-to-end suite runs the policy changes; here the settings no request routes
-// to a policy change and the command that cannot run.
-TEST_F(MultipathDMLinuxTest, OnlyRoundRobinPolicyIsApplied) {
-    MultipathDMLinux driver(tools.dir());
-    for (int32_t setting : {kSettingOffline, kSettingOnline, kSettingWalkTheBus}) {
-        EXPECT_EQ(driver.setPolicy(setting, {"mpatha"}), RC_SETTING_NOT_SUPPORTED) << setting;
-    }
-    EXPECT_TRUE(tools.calls("multipath").empty());
-    fakes::LogCapture log;
-    EXPECT_EQ(MultipathDMLinux(tools.dir() + "nowhere/").setPolicy(kSettingRoundRobin, {}), RC_DRIVER_CMD_FAILED);
-    EXPECT_EQ(FailingDriver(tools.dir(), "multipath", true).setPolicy(kSettingRoundRobin, {}), RC_DRIVER_CMD_FAILED);
-    EXPECT_THAT(log.text(), HasSubstr("STA0356E"));
-}
-
-TEST_F(MultipathDMLinuxTest, TopologyOfRealListingWithTheVersionItIsGiven) {
-    tools.answer("multipath", fixture("multipath-ll-v2.two-maps.stdout"));
-    MultipathDMLinux driver(tools.dir());
-    Topology topology;
-    EXPECT_EQ(listing(&driver, &topology).status, DmListingStatus::kParsed);
-    EXPECT_EQ(tools.calls("multipath"), Lines{"-ll -v2"});
-    ASSERT_EQ(topology.size(), 4u);
-    EXPECT_EQ(topology.at("sdd")->driverVersion, "Device Mapper Multipath Version 0.9.4-3");
-    FixedVersionDriver other;
-    other.version = "device-mapper-multipath-0.4.8-x";
-    Topology second;
-    listing(&driver, &second, &other);
-    EXPECT_EQ(second.at("sdd")->driverVersion, "Device Mapper Multipath Version 0.4.8-x");
-    FixedVersionDriver none;
-    EXPECT_EQ(listing(&driver, &second, &none).status, DmListingStatus::kNoDriver);
-    EXPECT_EQ(tools.calls("multipath").size(), 2u);
-    EXPECT_EQ(tools.calls("rpm").size(), 2u);
-}
-
-// The message each outcome logs is pinned by the end-to-end topology runs; an empty
-// listing is left for the caller to report.
-TEST_F(MultipathDMLinuxTest, TopologyListingFailures) {
-    const struct { std::string out; int status; std::string err; DmListingStatus outcome; const char* traced; } cases[] = {
-        {fixture("multipath-ll-v2.driver-not-loaded.stdout"), 1, fixture("multipath-ll-v2.driver-not-loaded.stderr"),
-         DmListingStatus::kEmpty, "multipath -ll -v2 output is empty\n"},
-        {"Dec 1 | DM multipath kernel driver not loaded\n", 1, "", DmListingStatus::kNotLoaded,
-         "DM multipath driver is installed but not loaded.\n"},
-        {"/etc/multipath.conf does not exist, blacklisting all devices.\n", 1, "", DmListingStatus::kNoConfigFile,
-         "multipath.conf file does not exist.\n"},
-        {fixture("multipath-ll-v2.two-maps.stdout"), 1, "", DmListingStatus::kFailed,
-         "MultipathDMLinux::getMultipathConfig(): Execute command multipath -ll -v2 failed.\n"},
-    };
-    for (const auto& c : cases) {
-        fakes::LogCapture log;
-        fakes::TraceCapture trace;
-        tools.answer("multipath", c.out, c.status, c.err);
-        MultipathDMLinux driver(tools.dir());
-        Topology topology;
-        DmListingResult result = listing(&driver, &topology);
-        EXPECT_EQ(result.status, c.outcome) << c.traced;
-        EXPECT_EQ(result.exitCode, c.status);
-        EXPECT_EQ(result.sysErr, c.err);
-        EXPECT_TRUE(topology.empty()) << c.traced;
-        EXPECT_THAT(trace.text(), HasSubstr(c.traced));
-        if (c.outcome == DmListingStatus::kEmpty) { EXPECT_EQ(log.text(), ""); }
-    }
-}
-
-TEST_F(MultipathDMLinuxTest, TopologyWhenListingCannotRun) {
-    fakes::LogCapture log;
-    fakes::TraceCapture trace;
-    Topology topology;
-    FailingDriver notRun(tools.dir(), "-ll", true);
-    EXPECT_EQ(listing(&notRun, &topology).status, DmListingStatus::kNotRun);
-    EXPECT_THAT(log.text(), HasSubstr("STA0356E"));
-    FailingDriver noExecuter(tools.dir(), "-ll", false);
-    EXPECT_EQ(listing(&noExecuter, &topology).status, DmListingStatus::kNotRun);
-    EXPECT_THAT(trace.text(), HasSubstr("No stdOut from multipath -ll -v2 command!\n"));
-}
-
-TEST_F(MultipathDMLinuxTest, SwitchStopsAtFirstCommandThatCannotRun) {
-    const struct { const char* word; bool created; Lines calls; const char* traced; } cases[] = {
-        {"ls", true, {}, "Unable to get the mpaths using ls command.\n"},
-        {"ls", false, {}, "No stdOut from 'dmsetup ls' command!\n"},
-        {"table", true, {"ls"}, "Unable to get the mpath's information using table command.\n"},
-        {"table", false, {"ls"}, "No stdOut from 'dmsetup table [multipathName]' command!\n"},
-        {"message", true, {"ls", "table mpatha"},
-         "Unable to set the mpath to fail_if_no_path for multipath device mpatha.\n"},
-        {"message", false, {"ls", "table mpatha"},
-         "'dmsetup message [multipathName] 0 \"fail_if_no_path\"' command failed!\n"},
-    };
-    for (const auto& c : cases) {
-        fakes::FakeTools caseTools{"dmsetup"};
-        fakes::LogCapture log;
-        fakes::TraceCapture trace;
-        caseTools.answer("dmsetup.ls", fixture("dmsetup-ls.two-maps.stdout"));
-        caseTools.answer("dmsetup.table.mpatha", fixture("dmsetup-table.queueing.stdout"));
-        DmQueueingSwitchResult result;
-        EXPECT_EQ(FailingDriver(caseTools.dir(), c.word, c.created).setFailIfNoPath(&result), RC_OK);
-        EXPECT_TRUE(result.stopped) << c.traced;
-        EXPECT_EQ(result.failedCommand, caseTools.dir() + "dmsetup " + c.word);
-        EXPECT_EQ(caseTools.calls("dmsetup"), c.calls) << c.traced;
-        EXPECT_THAT(log.text(), HasSubstr("STA0356E"));
-        EXPECT_THAT(trace.text(), HasSubstr(c.traced));
-    }
 }
 
 // The command is made of fixed words and the device; a name that could be read as
@@ -201,7 +85,6 @@ TEST_F(MultipathDMLinuxTest, PathStateThroughMultipathd) {
         {"sdd", true, "fail\n", 0, RC_DRIVER_CMD_FAILED},
         {"-v3", true, "ok\n", 0, RC_BAD_ARGS},
         {"sde;reboot", true, "ok\n", 0, RC_BAD_ARGS},
-        {"", false, "ok\n", 0, RC_BAD_ARGS},
     };
     Lines expected;
     for (const auto& c : cases) {

@@ -22,9 +22,7 @@ TEST(MultipathZPLLinuxTest, GetVersionOutcomes) {
         {"ZORzpl-1.6.2.0-1\nsecond line\n", 0, "", "ZORzpl-1.6.2.0-1", "ZPL version: ZORzpl-1.6.2.0-1\n"},
         {"package ZORzpl is not installed\n", 1, "", "",
          "Error getting ZPL version: package ZORzpl is not installed\\n\n"},  // the output's line feed escaped
-        {"", 1, "rpm: cannot open database\n", "", "Error getting ZPL version: rpm: cannot open database\\n\n"},
         {"No device file found\n", 0, "", "", "ZPL incorrect version.  ZPL must be at version 1.6.1 or higher"},
-        {"ZORzpl-1.6.2.0-1 Invalid argument\n", 0, "", "", "Error getting ZPL version: "},
     };
     for (const auto& c : cases) {
         fakes::FakeTools tools{"rpm"};
@@ -67,25 +65,19 @@ TEST(MultipathZPLLinuxTest, FormatWwpnWithColons) {
     }
 }
 
-// A WWPN lunctl cannot be asked about stops the change after the device lookup and
-// after the paths before it, and is not reported as a failed path.
+// A WWPN lunctl cannot be asked about stops the change after the paths before it, and
+// is not reported as a failed path.
 TEST(MultipathZPLLinuxTest, ShortWwpnStopsTheStateChange) {
-    const struct { Lines wwpns; Lines calls; } cases[] = {
-        {{"10000000c9"}, {"query device"}},
-        {{"10000000c95a3b11", "10000000c9", "10000000c95a3b10"},
-         {"query device", "query wwpn", "set device 2 path 1 online"}},
-    };
-    for (const auto& c : cases) {
-        fakes::FakeTools tools{"lunctl"};
-        tools.answer("lunctl.query.device", testfiles::testData("Multipath/data/lunctl-query-device.txt"));
-        tools.answer("lunctl.query.wwpn", testfiles::testData("Multipath/data/lunctl-query-wwpn.txt"));
-        fakes::LogCapture log;
-        MultipathZPLLinux zpl;
-        EXPECT_EQ(RC_DRIVER_CMD_FAILED, zpl.setState(kSettingOnline, "lundev2", c.wwpns));
-        EXPECT_EQ(c.calls, tools.calls("lunctl"));
-        EXPECT_TRUE(zpl.getErrorWWPNs().empty());
-        EXPECT_EQ("", log.text());
-    }
+    fakes::FakeTools tools{"lunctl"};
+    tools.answer("lunctl.query.device", testfiles::testData("Multipath/data/lunctl-query-device.txt"));
+    tools.answer("lunctl.query.wwpn", testfiles::testData("Multipath/data/lunctl-query-wwpn.txt"));
+    fakes::LogCapture log;
+    MultipathZPLLinux zpl;
+    EXPECT_EQ(RC_DRIVER_CMD_FAILED,
+              zpl.setState(kSettingOnline, "lundev2", {"10000000c95a3b11", "10000000c9", "10000000c95a3b10"}));
+    EXPECT_EQ((Lines{"query device", "query wwpn", "set device 2 path 1 online"}), tools.calls("lunctl"));
+    EXPECT_TRUE(zpl.getErrorWWPNs().empty());
+    EXPECT_EQ("", log.text());
 }
 
 }  // namespace

@@ -102,11 +102,4 @@ TEST_F(RescanScriptTest, ProcScsiFindsHostsAndAddsEachAddress) {
     EXPECT_EQ("", read("sleep.log"));
 }
 
-TEST_F(RescanScriptTest, ProcScsiNothingNewRunsFourPasses) {
-    EXPECT_EQ(0, run(std::string(kProcHosts) + ": > present"));
-    EXPECT_EQ(4u, countLines(read("out"), "Found 0 device(s).\n"));
-    EXPECT_EQ("10\n10\n10\n", read("sleep.log"));
-    EXPECT_EQ(4u * 70u, countLines(read("adds.log"), "\n"));
-}
-
 }  // namespace

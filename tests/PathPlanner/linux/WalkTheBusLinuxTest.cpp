@@ -13,47 +13,23 @@
 namespace {
 
 using ::testing::HasSubstr;
-using testfiles::readFile;
-using ::testing::Return;
-using ::testing::StrictMock;
 
 class WalkTheBusLinuxTest : public ::testing::Test {
 protected:
     void TearDown() override { unlink(path_.c_str()); }
-    // reconfigs < 0: no driver; else the driver is asked to reconfigure exactly that often.
-    std::unique_ptr<WalkTheBusLinux> vehicle(const std::string& script, int reconfigs = -1, int32_t rc = RC_OK) {
-        std::unique_ptr<StrictMock<fakes::MockMultipathDriver>> driver;
-        if (reconfigs >= 0) {
-            driver = std::make_unique<StrictMock<fakes::MockMultipathDriver>>();
-            ON_CALL(*driver, performDynamicReconfiguration()).WillByDefault(Return(rc));
-            EXPECT_CALL(*driver, performDynamicReconfiguration()).Times(reconfigs);
-        }
+    // A vehicle without a driver whose pauses are only recorded.
+    std::unique_ptr<WalkTheBusLinux> vehicle(const std::string& script) {
         Sleeper sleeper = [this](uint32_t seconds) { sleeps_.push_back(seconds); };
-        return std::make_unique<WalkTheBusLinux>(std::move(driver), sleeper, script);
+        return std::make_unique<WalkTheBusLinux>(nullptr, sleeper, script);
     }
     const std::string path_ = "/tmp/rescanScript" + std::to_string(getpid());
     std::vector<uint32_t> sleeps_;
 };
 
-TEST_F(WalkTheBusLinuxTest, WritesWholeScriptWithItsMode) {
-    testfiles::writeFile(path_, std::string(10000, 'x'));  // a longer leftover is replaced
-    WalkTheBusLinux product(nullptr);
-    EXPECT_EQ(path_, product.scriptPath());
-    EXPECT_EQ(RC_OK, product.writeScript());
-    EXPECT_EQ(kRescanScript, readFile(path_));
-    struct stat info;
-    ASSERT_EQ(0, stat(path_.c_str(), &info));
-#ifdef PP_PRIVATE_RESCAN_SCRIPT
-    EXPECT_EQ(0700u, info.st_mode & 07777);
-#else
-    EXPECT_EQ(01363u, info.st_mode & 07777);  // decimal 755
-#endif
-}
-
 TEST_F(WalkTheBusLinuxTest, NameThatCannotBeFreedEndsTheWalk) {
     ASSERT_EQ(0, mkdir(path_.c_str(), 0777));  // unlink cannot remove a directory
     fakes::TraceCapture trace;
-    EXPECT_EQ(RC_CANCELLED, vehicle("echo must not run", 0)->walkTheBus());
+    EXPECT_EQ(RC_CANCELLED, vehicle("echo must not run")->walkTheBus());
     rmdir(path_.c_str());
     EXPECT_THAT(trace.text(), HasSubstr("writeScript() Unable to create rescan script.\n"));
     EXPECT_TRUE(sleeps_.empty());
