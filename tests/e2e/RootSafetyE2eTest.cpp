@@ -162,16 +162,12 @@ TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnotherNorWritableByOthers) {
     }
 }
 
-const char kHost2Wwpn[] = "10000000c95a3b10";
-const char kHost3Wwpn[] = "10000000c95a3b11";
-
 TEST_F(RootSafetyE2eTest, DeviceAndPathLookupsNeverPickAnotherLun) {
     const std::string devices = testfiles::testData("Multipath/data/lunctl-query-device.txt");
     const size_t one = devices.find("DEV#:   1"), two = devices.find("DEV#:   2"), twelve = devices.find("DEV#:  12");
     const size_t first = devices.find("DEV#");
     const std::string only12 = devices.substr(0, one) + devices.substr(two);
     const std::string twelveFirst = devices.substr(twelve) + devices.substr(first, twelve - first);
-    const std::vector<std::string> queries = {"query device", "query wwpn"};
     const struct {
         std::string listing;
         std::string request;
@@ -181,9 +177,10 @@ TEST_F(RootSafetyE2eTest, DeviceAndPathLookupsNeverPickAnotherLun) {
         {only12, "2;lundev1", 170, {"query device"}},
         {devices, "2;OPEN", 170, {"query device"}},
         {devices, "2;0768018101BF28", 170, {"query device"}},
-        {devices, "0;lundev0;20000000c9ffffff", 170, queries},
-        {twelveFirst, std::string("0;lundev12;") + kHost3Wwpn, 170, queries},
-        {twelveFirst, std::string("0;lundev12;") + kHost2Wwpn, 0,
+        {devices, "0;lundev0;20000000c9ffffff", 170, {"query device", "query wwpn"}},
+        // lundev12's paths are all host2's (...3b10); the host3 paths listed after its block are not its.
+        {twelveFirst, "0;lundev12;10000000c95a3b11", 170, {"query device", "query wwpn"}},
+        {twelveFirst, "0;lundev12;10000000c95a3b10", 0,
          {"query device", "query wwpn", "set device 12 path 0 offline"}},
     };
     for (const auto& c : cases) {
