@@ -136,6 +136,10 @@ class LogSnapshotTest(unittest.TestCase):
                 write(log_dir, after)
                 self.assertEqual(snapshot.new_entries(), expected)
 
+    def test_warnings_and_errors_are_the_reason_when_there_are_any(self):
+        entries = ['d t AGT0429I started', 'd t AGT0458I setting', 'd t AGT0453E failed', 'd t AGT0430I finished']
+        self.assertEqual(pathplanner_common.problem_entries(entries), ['AGT0453E failed'])
+
 
 class PlannerCheckModeTest(ModuleRun):
     def test_request_words(self):
