@@ -31,7 +31,7 @@ RunResult runPlaybook(NamespaceHarness* host, const std::string& extraVars) {
 TEST_F(AnsibleE2eTest, EachOutcomeReachesThePlay) {
     if (access("/usr/bin/ansible-playbook", X_OK) != 0) GTEST_SKIP() << "ansible-core is not installed";
     const struct {
-        bool dm;
+        bool dm;           // the device-mapper tools are there; otherwise the host has no driver
         bool adapter;      // a SCSI host adapter, so that a rescan pauses three times
         const char* vars;  // req: module options; expect: what the play must see
     } cases[] = {
