@@ -1,8 +1,9 @@
 #!/bin/sh
 # Static checks of the zor.pathplanner collection with Debian's ansible-core:
-# every ansible-test sanity test that runs offline, then the checks of those
-# that need a virtual environment from the network: ansible-doc renders each
-# module's documentation, every Python file compiles, the playbooks parse.
+# every ansible-test sanity test that runs offline (compiling every Python file
+# among them), then two of those that need a virtual environment from the network
+# in a plainer form: ansible-doc renders each module's documentation, the
+# playbooks parse.
 set -eu
 src=$(cd "$(dirname "$0")/../../contrib/ansible" && pwd)
 collection=$src/ansible_collections/zor/pathplanner
@@ -27,15 +28,8 @@ cp -r "$collection" "$work/ansible_collections/zor/pathplanner"
 
 export ANSIBLE_COLLECTIONS_PATH="$src" ANSIBLE_HOME="$work/home" ANSIBLE_LOCAL_TEMP="$work/tmp"
 for module in pathplanner pathplanner_topology; do
-  # -j parses DOCUMENTATION, EXAMPLES and RETURN; the text view must render too.
-  ansible-doc -j "zor.pathplanner.$module" | $py -c '
-import json, sys
-doc = json.load(sys.stdin)["zor.pathplanner.'"$module"'"]
-missing = [k for k in ("doc", "examples", "return") if not doc.get(k)]
-sys.exit("missing: %s" % missing if missing else 0)'
   ansible-doc "zor.pathplanner.$module" >/dev/null
 done
-find "$work/ansible_collections" -name "*.py" -exec $py -m py_compile {} +
 for playbook in "$collection"/playbooks/*.yml; do
   ansible-playbook --syntax-check -i localhost, "$playbook" >/dev/null
 done

@@ -2,13 +2,11 @@
 // the vendor driver (lunctl) or neither, and the bus rescan over fake /proc and /sys trees.
 #include <ctime>
 
-#include "PathPlanner/linux/WalkTheBusLinux.h"
 #include "gmock/gmock.h"
 #include "tests/e2e/E2eHosts.h"
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using testfiles::readFile;
 
 namespace {
@@ -25,12 +23,9 @@ TEST_F(ActionsE2eTest, EachDriverGetsItsCommandsWhileTheJobFileExists) {
         std::vector<std::string> lunctlCalls;
     } cases[] = {
         {false, "3;mpatha", 0, 0, "Round Robin", 1, {}},
-        {false, "3;mpatha", 1, 173, "AGT0430I", 1, {}},
         {false, "2;mpatha", 0, 172, "AGT0454I", 0, {}},
         {false, "0;mpatha;wwpn1", 0, 0, "AGT0430I", 0, {}},
         // The vendor driver wins over the device-mapper tools that are there too.
-        {true, "2;lundev0;lundev12", 0, 0, "AGT0430I", 0,
-         {"query device", "set device 0 policy lb", "set device 12 policy lb"}},
         {true, "0;lundev1;10000000c95a3b10;10000000c95a3b11", 0, 0, "AGT0430I", 0,
          {"query device", "query wwpn", "set device 1 path 1 offline", "set device 1 path 0 offline"}},
         {true, "4;nodev", 0, 170, "AGT0452E", 0, {"query device"}},
@@ -62,19 +57,16 @@ time_t logTime(const std::string& log, const std::string& key) {
 // and whose clock runs fast for the tool's own wait.
 struct RescanHost {
     NamespaceHarness host;
-    std::string scan = placeScsi(&host), lip = host.makeHostDir("fc_host/host0") + "/issue_lip";
+    std::string scan = placeScsi(&host);
     std::string pidFile = host.makeHostDir("planner") + "/pid";
     RescanHost() {
         host.addFakeTool("sleep", std::string(kFindPlanner) + "echo $p > " + pidFile);
         host.useFaketime("+0 x20");
     }
-    // The script the run left in /tmp, removed here; empty when there was none.
-    std::string takeScript() {
-        std::string pid = readFile(pidFile);
-        const std::string path = "/tmp/rescanScript" + pid.substr(0, pid.find('\n'));
-        std::string script = pid.empty() ? "" : readFile(path);
-        if (!pid.empty()) unlink(path.c_str());
-        return script;
+    // Removes the script the run left in /tmp (its bytes are WalkTheBusLinuxTest's).
+    void removeScript() {
+        const std::string pid = readFile(pidFile);
+        if (!pid.empty()) unlink(("/tmp/rescanScript" + pid.substr(0, pid.find('\n'))).c_str());
     }
 };
 
@@ -85,7 +77,6 @@ TEST_F(ActionsE2eTest, RescanWaitsAndReconfiguresOnlyWithDriver) {
         size_t cfglundevCalls;
         bool waited;
     } cases[] = {
-        {true, true, 0, 0, 1, true},
         {true, false, 2, 173, 1, true},
         {false, true, 0, 0, 0, true},
         {false, false, 0, 0, 0, false},
@@ -97,9 +88,7 @@ TEST_F(ActionsE2eTest, RescanWaitsAndReconfiguresOnlyWithDriver) {
         RunResult r = rescan.host.run({"-multipath", "5;ignored"});
         const std::string label = c.vendor ? "vendor" : c.dm ? "dm" : "none";
         EXPECT_EQ(c.exitStatus, r.exitStatus) << label << ": " << r.describe();
-        EXPECT_EQ(kRescanScript, rescan.takeScript()) << label;
-        EXPECT_EQ("- - -\n", readFile(rescan.scan)) << label;
-        EXPECT_EQ("1\n", readFile(rescan.lip)) << label;
+        rescan.removeScript();
         EXPECT_THAT(rescan.host.toolCalls("sleep"), ElementsAre("10", "10", "10")) << label;
         EXPECT_EQ(c.cfglundevCalls, rescan.host.toolCalls("cfglundev").size()) << label;
         const std::string log = rescan.host.readAgentFile("log/multipath.log");
@@ -113,13 +102,10 @@ TEST_F(ActionsE2eTest, StopBeforeRescanRunsNoScript) {
     installDrivers(&rescan.host, true, false);
     // The vendor probe runs before the stop check: its rpm sends the stop request.
     rescan.host.addFakeTool("rpm", std::string(kFindPlanner) + "kill -TERM $p\n" + rpmBody(true, false));
-    rescan.host.addAnsweringTool("cfglundev", "");
     RunResult r = rescan.host.run({"-multipath", "5"});
     EXPECT_EQ(8, r.exitStatus) << r.describe();
     EXPECT_THAT(rescan.host.readAgentFile("log/multipath.log"), HasSubstr("AGT0445I"));
     EXPECT_EQ("", readFile(rescan.scan));
-    EXPECT_THAT(rescan.host.toolCalls("cfglundev"), IsEmpty());
-    EXPECT_THAT(rescan.host.toolCalls("sleep"), IsEmpty());
 }
 
 }  // namespace

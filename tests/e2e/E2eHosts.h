@@ -62,14 +62,12 @@ inline void installDrivers(NamespaceHarness* host, bool vendor, bool dm, int set
 
 // Fibre Channel ports of hosts 0 and 1 as sysfs shows them; host 7 has a port but no paths.
 inline void placeFcPorts(NamespaceHarness* host) {
-    const std::string fc = host->makeHostDir("fc_host");
-    const std::pair<const char*, const char*> ports[] = {
+    const std::pair<std::string, std::string> ports[] = {
         {"host0", "0x21000024ff00aa00"}, {"host1", "0x21000024FF00AA01"}, {"host7", "0x21000024ff00aa07"}};
-    for (const auto& port : ports) {
-        testfiles::writeFile(host->makeHostDir(std::string("fc_host/") + port.first) + "/port_name",
-                             std::string(port.second) + "\n");
+    for (const auto& [name, wwpn] : ports) {
+        testfiles::writeFile(host->makeHostDir("fc_host/" + name) + "/port_name", wwpn + "\n");
     }
-    host->placeTree("/sys/class/fc_host", fc);
+    host->placeTree("/sys/class/fc_host", host->makeHostDir("fc_host"));
 }
 
 #endif

@@ -130,24 +130,13 @@ TEST_F(RootSafetyE2eTest, PlantedNamesNeitherBlockNorLeakNorRunTheirs) {
     unlink(victim.c_str());
 }
 
-TEST_F(RootSafetyE2eTest, OpenUmaskLeavesLogAndTraceUnwritableByOthers) {
+// After a run cut off in the middle of an entry, a request carrying a line feed and a
+// forged entry: every entry starts on its own line with the tool's own stamp. An open
+// umask still leaves the log and the trace unwritable by others.
+TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnotherNorWritableByOthers) {
     NamespaceHarness host;
     installDrivers(&host, false, false);
     host.useUmask("000");
-    RunResult r = host.run({"-debug", "MIN", "-multipath", "3;mpatha"});
-    EXPECT_EQ(169, r.exitStatus) << r.describe();
-    for (const char* name : {"log/multipath.log", "log/multipath.trace"}) {
-        struct stat info;
-        ASSERT_EQ(0, stat((host.agentDir() + "/" + name).c_str(), &info)) << name;
-        EXPECT_EQ(0644u, info.st_mode & 07777) << name;
-    }
-}
-
-// After a run cut off in the middle of an entry, a request carrying a line feed and a
-// forged entry: every entry starts on its own line with the tool's own stamp.
-TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnother) {
-    NamespaceHarness host;
-    installDrivers(&host, false, false);
     const char cut[] = "2024-03-15 10:00:00.000 AGT0430I PathPlanner ended with";
     testfiles::writeFile(host.agentDir() + "/log/multipath.log", cut);
     const char forged[] = "2099-01-01 00:00:00.000 AGT0430I PathPlanner ended with 0";
@@ -166,10 +155,12 @@ TEST_F(RootSafetyE2eTest, NoEntryIsForgedOrJoinedToAnother) {
     for (const std::string& line : testfiles::splitLines(host.readAgentFile("log/multipath.trace"))) {
         EXPECT_NE(0u, line.rfind("2099", 0)) << line;
     }
+    for (const char* name : {"log/multipath.log", "log/multipath.trace"}) {
+        struct stat info;
+        ASSERT_EQ(0, stat((host.agentDir() + "/" + name).c_str(), &info)) << name;
+        EXPECT_EQ(0644u, info.st_mode & 07777) << name;
+    }
 }
-
-const char kHost2Wwpn[] = "10000000c95a3b10";
-const char kHost3Wwpn[] = "10000000c95a3b11";
 
 TEST_F(RootSafetyE2eTest, DeviceAndPathLookupsNeverPickAnotherLun) {
     const std::string devices = testfiles::testData("Multipath/data/lunctl-query-device.txt");
@@ -177,7 +168,6 @@ TEST_F(RootSafetyE2eTest, DeviceAndPathLookupsNeverPickAnotherLun) {
     const size_t first = devices.find("DEV#");
     const std::string only12 = devices.substr(0, one) + devices.substr(two);
     const std::string twelveFirst = devices.substr(twelve) + devices.substr(first, twelve - first);
-    const std::vector<std::string> queries = {"query device", "query wwpn"};
     const struct {
         std::string listing;
         std::string request;
@@ -185,15 +175,12 @@ TEST_F(RootSafetyE2eTest, DeviceAndPathLookupsNeverPickAnotherLun) {
         std::vector<std::string> lunctlCalls;
     } cases[] = {
         {only12, "2;lundev1", 170, {"query device"}},
-        {devices, "2;lundev", 170, {"query device"}},
         {devices, "2;OPEN", 170, {"query device"}},
-        {devices, "2;2145", 170, {"query device"}},
-        {devices, "2;sdk", 170, {"query device"}},
         {devices, "2;0768018101BF28", 170, {"query device"}},
-        {devices, "0;sdb;20000000c9ffffff", 170, {"query device"}},
-        {devices, "0;lundev0;20000000c9ffffff", 170, queries},
-        {twelveFirst, std::string("0;lundev12;") + kHost3Wwpn, 170, queries},
-        {twelveFirst, std::string("0;lundev12;") + kHost2Wwpn, 0,
+        {devices, "0;lundev0;20000000c9ffffff", 170, {"query device", "query wwpn"}},
+        // lundev12's paths are all host2's (...3b10); the host3 paths listed after its block are not its.
+        {twelveFirst, "0;lundev12;10000000c95a3b11", 170, {"query device", "query wwpn"}},
+        {twelveFirst, "0;lundev12;10000000c95a3b10", 0,
          {"query device", "query wwpn", "set device 12 path 0 offline"}},
     };
     for (const auto& c : cases) {

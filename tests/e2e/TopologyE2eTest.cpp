@@ -1,6 +1,9 @@
-// The installed PathPlannerTopology against fake multipath, dmsetup and rpm.
+// The installed PathPlannerTopology against fake multipath, multipathd, dmsetup and rpm
+// and a fake fc_host tree: its listings, the queueing switch, and paths taken offline
+// and online by adapter port.
+#include <cstdio>
+
 #include "gmock/gmock.h"
-#include "tests/e2e/JsonCheck.h"
 #include "tests/e2e/E2eHosts.h"
 
 using ::testing::ContainsRegex;
@@ -20,55 +23,47 @@ void installRpm(NamespaceHarness* host, const std::string& packages) {
                                  packages + "' ;;\n-q) printf '%s\\n' \"$2\" ;;\nesac");
 }
 
-class TopologyE2eTest : public E2eTest {
+// Empty when text is JSON, conforming to schema/<schema> when one is named; else python's complaint.
+std::string jsonProblem(const std::string& text, const std::string& schema = "") {
+    testfiles::TempDir dir;
+    testfiles::writeFile(dir.file("doc.json"), text);
+    std::string args = dir.file("doc.json");
+    if (!schema.empty()) args += " " PP_SOURCE_DIR "/schema/" + schema;
+    const char check[] = "import json, sys\ndoc = json.load(open(sys.argv[1]))\nif len(sys.argv) > 2:\n"
+                         "    import jsonschema\n    jsonschema.Draft202012Validator(json.load(open(sys.argv[2]))).validate(doc)\n";
+    FILE* pipe = popen(("python3 -c " + shellQuote(check) + " " + args + " 2>&1").c_str(), "r");
+    std::string said;
+    char buf[512];
+    while (pipe && fgets(buf, sizeof(buf), pipe)) said += buf;
+    return pipe && pclose(pipe) == 0 ? "" : "not valid: " + said;
+}
+
+// One host per test; run() runs PathPlannerTopology there.
+class TopologyHost : public E2eTest {
+protected:
+    RunResult run(const Lines& args) { return host.run(args, "PathPlannerTopology"); }
+    NamespaceHarness host;
+};
+
+class TopologyE2eTest : public TopologyHost {
 protected:
     void installDriver(const std::string& listing = fixture("multipath-ll-v2.two-maps.stdout")) {
         installRpm(&host, kWithTools);
         host.addAnsweringTool("multipath", listing);
     }
-    RunResult run(const Lines& args) { return host.run(args, "PathPlannerTopology"); }
-
-    NamespaceHarness host;
 };
 
-// The record layout itself is TopologyFormatTest's; here the driver text comes from
-// the package query and every option form reaches the same listing.
-TEST_F(TopologyE2eTest, RecordsCarryTheInstalledDriverWhateverTheOptionForm) {
-    installDriver();
-    for (const Lines& args : {Lines{"--records"}, Lines{"--records", "--trace", "/opt/ZOR/QLX/agent/log/t.trace"},
-                              Lines{"--table", "--records"}, Lines{"--records", "--trace=/opt/ZOR/QLX/agent/log/t.trace", "--"}}) {
-        RunResult r = run(args);
-        ASSERT_EQ(r.exitStatus, 0) << r.describe();
-        EXPECT_EQ(r.err, "");
-        EXPECT_EQ(jsonArrayLength(r.out), 4) << r.out;
-        EXPECT_THAT(r.out, HasSubstr("\"device\":\"sda\",\"group\":1,\"driverVersion\":\"Device Mapper Multipath Version "
-                                     "0.9.4-3\",\"spare\":\"\"},"));
-    }
-    EXPECT_EQ(host.toolCalls("multipath"), (Lines{"-ll -v2", "-ll -v2", "-ll -v2", "-ll -v2"}));
-    EXPECT_THAT(host.readAgentFile("log/t.trace"), HasSubstr("Found Path sdd: host=1, channel=0, target=0, lun=1\n"));
-}
-
-// Runs that succeed with a fixed answer: no maps, no maps to switch, version, help.
+// With no maps, both listings succeed with a fixed answer.
 TEST_F(TopologyE2eTest, FixedAnswers) {
-    const struct {
-        Lines args;
-        const char* out;
-        bool prefix = false;  // out begins the output rather than being all of it
-    } cases[] = {
+    const std::pair<Lines, const char*> cases[] = {
         {{"--records"}, "[]\n"},
         {{}, "{\"version\":2,\"driver\":\"Device Mapper Multipath Version 0.9.4-3\",\"maps\":[]}\n"},
-        {{"--fail-if-no-path", "--table"}, "MAP  DEVICE  RESULT  DM-STATE  REASON\n"},
-        {{"--version"}, "PathPlannerTopology 5.2.8.0\n"},
-        {{"--help"}, "Usage: PathPlannerTopology", true},
     };
-    for (const auto& c : cases) {
-        NamespaceHarness one;
-        installRpm(&one, kWithTools);
-        one.addAnsweringTool("multipath", "");
-        one.addAnsweringTool("dmsetup", fixture("dmsetup-ls.no-maps.stdout"));
-        RunResult r = one.run(c.args, "PathPlannerTopology");
+    installDriver("");
+    for (const auto& [args, out] : cases) {
+        RunResult r = run(args);
         EXPECT_EQ(r.exitStatus, 0) << r.describe();
-        EXPECT_EQ(c.prefix ? r.out.substr(0, std::string(c.out).size()) : r.out, c.out);
+        EXPECT_EQ(r.out, out);
     }
 }
 
@@ -80,10 +75,10 @@ TEST_F(TopologyE2eTest, HostileListingStillGivesValidJson) {
                   "  `- 0:0:0:0 sdz\n\xde\xad\xbe\xef garbage |- : #\n");
     RunResult r = run({"--records"});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(jsonArrayLength(r.out), 2) << r.out;
+    EXPECT_EQ(jsonProblem(r.out), "") << r.out;
     r = run({});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(schemaProblem(r.out), "") << r.out;
+    EXPECT_EQ(jsonProblem(r.out, "topology-v2.schema.json"), "") << r.out;
     EXPECT_THAT(r.out, HasSubstr("\"name\":\"m\\\"x\\\\\""));
 }
 
@@ -93,7 +88,7 @@ TEST_F(TopologyE2eTest, JsonNestsMapsGroupsAndPathsWithAdapterPorts) {
     RunResult r = run({"--json"});
     ASSERT_EQ(r.exitStatus, 0) << r.describe();
     EXPECT_EQ(r.err, "");
-    EXPECT_EQ(schemaProblem(r.out), "") << r.out;
+    EXPECT_EQ(jsonProblem(r.out, "topology-v2.schema.json"), "") << r.out;
     Lines out = splitLines(r.out);
     ASSERT_EQ(out.size(), 4u) << r.out;
     EXPECT_EQ(out[1],
@@ -107,15 +102,6 @@ TEST_F(TopologyE2eTest, JsonNestsMapsGroupsAndPathsWithAdapterPorts) {
               "\"paths\":[{\"device\":\"sdc\",\"devt\":\"8:32\",\"host\":1,\"channel\":0,\"target\":0,\"lun\":0,"
               "\"dmState\":\"active\",\"checkerState\":\"ready\",\"deviceState\":\"running\","
               "\"adapterWwpn\":\"21000024ff00aa01\"}]}]},");
-    // Without Fibre Channel ports, and from a bracketed listing, the fields are null.
-    NamespaceHarness old;
-    installRpm(&old, kWithTools);
-    old.addAnsweringTool("multipath", fixture("multipath-ll-v2.bracketed-0.4.5.stdout"));
-    r = old.run({}, "PathPlannerTopology");
-    ASSERT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(schemaProblem(r.out), "") << r.out;
-    EXPECT_THAT(r.out, HasSubstr("\"dm\":null,\"vendor\":null,\"product\":null,\"size\":\"5 GB\""));
-    EXPECT_THAT(r.out, HasSubstr("\"deviceState\":null,\"adapterWwpn\":null}"));
 }
 
 // Every failure is one line on standard error and nothing on standard output.
@@ -136,16 +122,12 @@ TEST_F(TopologyE2eTest, FailuresAreOneErrorLine) {
          fixture("multipath-ll-v2.driver-not-loaded.stderr"), 173, "STA0523E "},
         {{}, kWithTools, "Dec 1 | DM multipath kernel driver not loaded\n", 1, "", 173, "AGT0463I "},
         {{}, kWithTools, "/etc/multipath.conf does not exist, blacklisting all devices.\n", 1, "", 173, "AGT0464I "},
-        {{}, kWithTools, twoMaps, 2, "", 173, "STA0523E "},
         {{"--table"}, kWithTools, "", -1, "", 173, "STA0523E .*/sbin/multipath"},
         {{"--bogus"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option '--bogus'"},
-        {{"--trace"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option '--trace'"},
-        {{"json"}, kWithTools, twoMaps, 0, "", 3, "unexpected argument 'json'"},
         {{"--offline", "21000024ff00aa0"}, kWithTools, twoMaps, 0, "", 3, "'21000024ff00aa0' is not a WWPN"},
         {{"--offline=1", "--online=2"}, kWithTools, twoMaps, 0, "", 3, "only one of --offline"},
         {{"--force"}, kWithTools, twoMaps, 0, "", 3, "need --offline or --online"},
         {{"--online", "21000024ff00aa00", "--map", "a;b"}, kWithTools, twoMaps, 0, "", 3, "'a;b' is not a multipath map"},
-        {{"--fail-if-no-path", "--records"}, kWithTools, twoMaps, 0, "", 3, "--records only goes"},
         {{"--", "--json"}, kWithTools, twoMaps, 0, "", 3, "unexpected argument '--json'"},
         // Known noise on standard error is passed over for the line that explains.
         {{}, kWithTools, "x", 1, "can't set open fds limit to 1048576, got 1024\nfatal: no memory\n", 173,
@@ -200,6 +182,142 @@ TEST_F(TopologyE2eTest, FailIfNoPathFailuresAreOneLine) {
     EXPECT_EQ(r.out, "{\"changed\":[],\"unchanged\":[],\"refused\":[],\"failed\":[{\"map\":\"mpatha\",\"reason\":"
                      "\"dmsetup refused fail_if_no_path\"}]}\n");
     EXPECT_EQ(r.err, "PathPlannerTopology: dmsetup refused fail_if_no_path for mpatha\n");
+}
+
+constexpr char kPort0[] = "21000024ff00aa00";  // host0: sda (mpatha), sdb (mpathb)
+constexpr char kPort1[] = "21:00:00:24:FF:00:AA:01";  // host1: sdc (mpatha), sdd (mpathb)
+constexpr char kPortWithoutPaths[] = "0x21000024ff00aa07";
+
+class PathSwitchE2eTest : public TopologyHost {
+protected:
+    // state holds one "device dmState checkerState" line per path; the fake multipath
+    // prints the two-map listing with those states, and the fake multipathd edits
+    // them as the real one would, unless told to refuse.
+    void SetUp() override {
+        E2eTest::SetUp();
+        state_ = host.makeHostDir("state");
+        setPaths({"sda active ready", "sdb active ready", "sdc active ready", "sdd active ready"});
+        installRpm(&host, kWithTools);
+        host.addFakeTool("multipath", "[ -f " + state_ + "/broken ] && { echo \"can't set open fds limit\" >&2;\n"
+                                      "  echo 'DM multipath kernel driver not loaded' >&2; exit 1; }\n"
+                                      "awk 'NR==FNR { dm[$1]=$2; chk[$1]=$3; next }\n"
+                                      "{ for (i = 1; i <= NF; i++) if ($i in dm) { $(i+2)=dm[$i]; $(i+3)=chk[$i] } print }' " +
+                                          state_ + "/paths " + state_ + "/listing");
+        testfiles::writeFile(state_ + "/listing", fixture("multipath-ll-v2.two-maps.stdout"));
+        host.addFakeTool("multipathd", "[ -f " + state_ + "/refuse ] && { echo fail; exit 1; }\n"
+                                       "[ -f " + state_ + "/ignore ] && { echo ok; exit 0; }\n"
+                                       "case \"$1\" in fail) s=failed ;; reinstate) s=active ;; *) exit 1 ;; esac\n"
+                                       "sed -i \"s/^$3 [a-z]*/$3 $s/\" " + state_ + "/paths\necho ok");
+        placeFcPorts(&host);
+    }
+    void setPaths(const Lines& paths) {
+        std::string text;
+        for (const std::string& line : paths) text += line + "\n";
+        testfiles::writeFile(state_ + "/paths", text);
+    }
+    // "refuse", "ignore" (say ok, change nothing) or "broken" (multipath fails).
+    void multipathdAnswers(const char* how) { testfiles::writeFile(state_ + "/" + how, ""); }
+    std::string state_;
+};
+
+TEST_F(PathSwitchE2eTest, OfflineThenOnlineTakesExactlyOneAdaptersPaths) {
+    RunResult r = run({"--offline", kPort0});
+    ASSERT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out,
+              "{\"changed\":[{\"map\":\"mpatha\",\"device\":\"sda\",\"dmState\":\"failed\"},"
+              "{\"map\":\"mpathb\",\"device\":\"sdb\",\"dmState\":\"failed\"}],\"unchanged\":[],\"refused\":[],"
+              "\"failed\":[]}\n");
+    EXPECT_EQ(jsonProblem(r.out, "path-switch-result.schema.json"), "") << r.out;
+    EXPECT_EQ(host.toolCalls("multipathd"), (Lines{"fail path sda", "fail path sdb"}));
+    EXPECT_THAT(host.readAgentFile("log/multipath.log"), ContainsRegex("AGT0470I User root set the path sda of the multipath map mpatha offline "
+                                   "\\(adapter port 21000024ff00aa00\\)"));
+
+    // Back online, in table form, for one map only.
+    r = run({"--online", kPort0, "--map", "mpathb", "--table"});
+    EXPECT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(r.out,
+              "MAP     DEVICE  RESULT   DM-STATE  REASON\n"
+              "mpathb  sdb     changed  active    \n");
+    EXPECT_EQ(host.toolCalls("multipathd"), (Lines{"fail path sda", "fail path sdb", "reinstate path sdb"}));
+    EXPECT_THAT(host.readAgentFile("log/multipath.log"),
+                HasSubstr("AGT0471I User root set the path sdb of the multipath map mpathb online"));
+}
+
+// Each refusal or error changes nothing and says why in one line.
+TEST_F(PathSwitchE2eTest, RefusalsAndErrorsChangeNothing) {
+    const struct {
+        Lines args;
+        Lines paths;  // empty: all four active and ready; "broken": multipath fails
+        int exitStatus;
+        const char* said;     // regular expression for the one error line
+        const char* printed;  // substring of standard output ("" : nothing printed)
+    } cases[] = {
+        // host0's paths are down already, so host1 carries the last usable paths.
+        {{"--offline", kPort1}, {"sda failed ready", "sdb failed faulty", "sdc active ready", "sdd active ready"}, 174,
+         "refused, nothing changed: the maps mpatha, mpathb would have no usable path left",
+         "\"refused\":[{\"map\":\"mpatha\",\"device\":\"sdc\",\"dmState\":\"active\",\"reason\":\"last usable path"},
+        // A path whose checker says faulty is not usable, even when the kernel still uses it.
+        {{"--offline", kPort1, "--map", "mpathb"}, {"sda active ready", "sdb active faulty", "sdc active ready",
+         "sdd active ready"}, 174, "the maps mpathb would", "\"device\":\"sdd\""},
+        {{"--offline", kPortWithoutPaths}, {}, 175, "no multipath path runs through the adapter port 21000024ff00aa07", ""},
+        {{"--online", "21000024ff00aa99"}, {}, 175, "no adapter port has the WWPN 21000024ff00aa99", ""},
+        {{"--offline", kPort0, "--map", "mpathz"}, {}, 175, "no multipath map is named mpathz", ""},
+        // Last: a listing that fails stops before any change.
+        {{"--online", kPort0}, {"broken"}, 173,
+         "STA0523E .*multipath\" -ll -v2 \\(DM multipath kernel driver not loaded\\)\n", ""},
+    };
+    for (const auto& c : cases) {
+        if (c.paths == Lines{"broken"}) multipathdAnswers("broken");
+        if (!c.paths.empty() && c.paths[0] != "broken") setPaths(c.paths);
+        RunResult r = run(c.args);
+        EXPECT_EQ(r.exitStatus, c.exitStatus) << c.said << ": " << r.describe();
+        EXPECT_EQ(splitLines(r.err).size(), 1u) << r.err;
+        EXPECT_THAT(r.err, ContainsRegex(std::string("^PathPlannerTopology: ") + ".*" + c.said)) << r.err;
+        if (*c.printed) {
+            EXPECT_THAT(r.out, HasSubstr(c.printed)) << c.said;
+        } else {
+            EXPECT_EQ(r.out, "") << c.said;
+        }
+        EXPECT_EQ(host.toolCalls("multipathd"), Lines{}) << c.said;
+    }
+    EXPECT_THAT(host.readAgentFile("log/multipath.log"),
+                HasSubstr("AGT0473W Taking the paths of adapter port 21000024ff00aa01 offline was refused: the maps "
+                          "mpatha, mpathb would have no usable path left."));
+}
+
+TEST_F(PathSwitchE2eTest, ForceAndDryRun) {
+    setPaths({"sda failed ready", "sdb failed ready", "sdc active ready", "sdd active ready"});
+    RunResult r = run({"--offline", kPort1, "--force", "--dry-run", "--table"});
+    EXPECT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(r.out,
+              "MAP     DEVICE  RESULT        DM-STATE  REASON\n"
+              "mpatha  sdc     would-change  active    \n"
+              "mpathb  sdd     would-change  active    \n");
+    EXPECT_EQ(host.toolCalls("multipathd"), Lines{});
+    r = run({"--offline", kPort1, "--force"});
+    EXPECT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(host.toolCalls("multipathd"), (Lines{"fail path sdc", "fail path sdd"}));
+}
+
+// multipathd says no, or says yes and the kernel disagrees: the path is "failed",
+// the others still go, and the exit status is 173.
+TEST_F(PathSwitchE2eTest, PathsThatDoNotChangeAreReported) {
+    multipathdAnswers("refuse");
+    RunResult r = run({"--offline", kPort0});
+    EXPECT_EQ(r.exitStatus, 173) << r.describe();
+    EXPECT_EQ(r.err, "PathPlannerTopology: 2 of 2 paths did not go offline: sda: multipathd: fail\n");
+    EXPECT_THAT(r.out, HasSubstr("\"failed\":[{\"map\":\"mpatha\",\"device\":\"sda\",\"dmState\":\"active\","
+                                 "\"reason\":\"multipathd: fail\"}"));
+    EXPECT_THAT(host.readAgentFile("log/multipath.log"),
+                HasSubstr("AGT0472E User root could not set the path sda of the multipath map mpatha offline: "
+                          "multipathd: fail"));
+
+    multipathdAnswers("ignore");
+    std::remove((state_ + "/refuse").c_str());
+    r = run({"--offline", kPort0});
+    EXPECT_EQ(r.exitStatus, 173) << r.describe();
+    EXPECT_THAT(r.err, HasSubstr("sda: the kernel reports the path active"));
 }
 
 }  // namespace

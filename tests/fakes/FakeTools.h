@@ -17,7 +17,6 @@
 #include "Common/AgentTrace.h"
 #include "Common/LogManager.h"
 #include "Multipath/MultipathDriver.h"
-#include "tests/support/TestCatalog.h"
 #include "tests/support/TestFiles.h"
 
 namespace fakes {
@@ -61,11 +60,13 @@ private:
     testfiles::TempDir dir_;
 };
 
-// Publishes a private activity log, with the built catalogue open, while it lives.
+// Publishes a private activity log while it lives, with the catalogue the build made
+// open (once per test process), as the installed tool opens its own.
 class LogCapture {
 public:
     LogCapture() : log_(dir_.file("activity.log")) {
-        useBuiltCatalog();
+        static const int catalogue = initMessages(std::string(PP_BINARY_DIR) + "/nls", "", "qlxna.cat", "en_US");
+        (void)catalogue;
         activityLog = &log_;
     }
     ~LogCapture() { activityLog = nullptr; }
