@@ -51,20 +51,24 @@ def validated(name, schema):
 
 
 def shown_paths(name):
-    """The dm state per device from "multipathd show paths"."""
+    """dm_st, chk_st and H:C:T:L per device from "multipathd show paths"."""
     paths = {}
     for line in read(name).splitlines()[1:]:
         words = line.split()
         if len(words) >= 7:
-            paths[words[1]] = {"dm": words[4]}
+            paths[words[1]] = {"hcil": words[0], "dm": words[4], "chk": words[5]}
     return paths
+
+
+def tool_paths(topology):
+    return {p["device"]: p for m in topology["maps"] for g in m["groups"] for p in g["paths"]}
 
 
 def path_switch():
     topology = validated("topology", "topology-v2.schema.json")
     if topology is None:
         return
-    paths = {p["device"]: p for m in topology["maps"] for g in m["groups"] for p in g["paths"]}
+    paths = tool_paths(topology)
     port0 = sorted(d for d, p in paths.items() if p["host"] == 0)
     check("adapter 0 has paths", len(port0) >= 2, port0)
     before = shown_paths("paths-before")

@@ -28,7 +28,9 @@ cp "$here/guest-lib.sh" "$here/guest-$scenario.sh" "$share/"
 # The tool finds the device-mapper driver through the rpm database.
 export LAB_RPM_PKGS=device-mapper-multipath-0.9.4-1.lab
 export LAB_TIMEOUT=${LAB_TIMEOUT:-240}
-[ "$scenario" = path-switch ] && export LAB_FC=1
+case $scenario in
+    path-switch) export LAB_FC=1 ;;
+esac
 "$lab/vm-run.sh" -s "$share" bash "guest-$scenario.sh"
 status=$?
 if [ $status -ne 0 ]; then

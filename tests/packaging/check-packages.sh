@@ -22,6 +22,9 @@ dpkg_cycle() {
   echo "== dpkg -i $(basename "$deb")"
   dpkg --log=/dev/null -i "$deb"
   [ "$("$agent/bin/PathPlanner" -version)" = "$version" ] || fail "PathPlanner -version"
+  for page in PathPlanner PathPlannerTopology; do
+    [ "$(man -w $page)" = /usr/share/man/man8/$page.8.gz ] || fail "man -w $page: $(man -w $page)"
+  done
   logrotate -d /etc/logrotate.d/pathplanner >/dev/null 2>&1 || fail "logrotate rejects its rule"
   # A request that stops at validation writes the activity log and touches nothing else.
   "$agent/bin/PathPlanner" -multipath 9 2>/dev/null && fail "setting 9 accepted"
@@ -83,6 +86,10 @@ for f in /opt/ZOR/QLX/agent/bin/PathPlanner /opt/ZOR/QLX/agent/bin/PathPlannerTo
          /etc/logrotate.d/pathplanner /usr/share/bash-completion/completions/PathPlanner \
          /usr/share/bash-completion/completions/PathPlannerTopology; do
   expect_line "rpm -qpl" "$files" "$f"
+done
+# Directories the system owns must not be claimed by the package.
+for f in /opt /etc /etc/logrotate.d /usr/share/man/man8 /usr/share/bash-completion/completions; do
+  grep -qxF -- "$f" <<<"$files" && fail "rpm -qpl claims $f"
 done
 # Read the list whole: grep -q leaving a pipe early fails the pipeline under pipefail.
 configs=$(rpm -qp --configfiles "$rpm")
