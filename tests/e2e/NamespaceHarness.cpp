@@ -20,10 +20,13 @@ int shellStatus(const std::string& line) {
 }
 
 std::string probeNamespace() {
-    if (geteuid() != 0) return "end-to-end tests need root for unshare -m; running as uid " + std::to_string(geteuid());
-    testfiles::TempDir dir;
-    const int rc = shellStatus("unshare -m --propagation private mount -t tmpfs pp-probe " + dir.path() + " >/dev/null 2>&1");
-    return rc == 0 ? "" : "unshare -m with a tmpfs mount is refused here (status " + std::to_string(rc) + ")";
+    std::string reason = "end-to-end tests need root for unshare -m; running as uid " + std::to_string(geteuid());
+    if (geteuid() == 0) {
+        testfiles::TempDir dir;
+        int rc = shellStatus("unshare -m --propagation private mount -t tmpfs pp-probe " + dir.path() + " >/dev/null 2>&1");
+        reason = rc == 0 ? "" : "unshare -m with a tmpfs mount is refused here (status " + std::to_string(rc) + ")";
+    }
+    return reason;
 }
 
 // Shell functions of the set-up script. A mount point that does not exist (no FC
@@ -94,7 +97,7 @@ std::string NamespaceHarness::makeHostDir(const std::string& name) {
 
 std::string NamespaceHarness::script(const std::string& program, const std::vector<std::string>& args) const {
     std::string s = "set -e\nW=" + shellQuote(root_.path()) + "\n" + kScriptFunctions + "ensure_dir /opt/ZOR/QLX\n";
-    s += "mount --bind \"$W/QLX\" /opt/ZOR/QLX\n";
+    s += emptyInstall_ ? "mount -t tmpfs pp-empty /opt/ZOR/QLX\n" : "mount --bind \"$W/QLX\" /opt/ZOR/QLX\n";
     for (const auto& [target, dir] : trees_) {
         s += "ensure_dir " + shellQuote(target) + "\nmount --bind " + shellQuote(dir) + " " + shellQuote(target) + "\n";
     }
@@ -109,14 +112,18 @@ std::string NamespaceHarness::script(const std::string& program, const std::vect
         for (const std::string& name : hidden_) s += "rm -f \"$S\"/" + shellQuote(name) + "\n";
         for (const std::string& name : fakes_) s += "ln -sf \"$W/fakes/\"" + shellQuote(name) + " \"$S\"/" + shellQuote(name) + "\n";
     }
+    const std::string bin = emptyInstall_ ? kPrefixAgent + "/bin/" : "/opt/ZOR/QLX/agent/bin/";
     // faketime's preload comes before the sanitizer runtime of an ASan build.
     s += "cd /\nset +e\nexport ASAN_OPTIONS=verify_asan_link_order=0${ASAN_OPTIONS:+:$ASAN_OPTIONS}\n";
     if (!umask_.empty()) s += "umask " + shellQuote(umask_) + "\n";
-    // Messages are English whatever the test's own environment says.
-    std::string command = "PATH=\"$W/fakes:$PATH\" env -u LC_ALL -u LC_MESSAGES -u LANG timeout -s KILL 240";
+    std::string command = "PATH=\"$W/fakes:$PATH\" env -u LC_ALL -u LC_MESSAGES -u LANG";
+    for (const auto& [name, value] : env_) command += " " + shellQuote(name + "=" + value);
+    command += " timeout -s KILL 240";
     if (!faketime_.empty()) command += " faketime -f " + shellQuote(faketime_);
-    command += " \"$W/launch\" " + shellQuote(program[0] == '/' ? program : "/opt/ZOR/QLX/agent/bin/" + program);
+    command += " \"$W/launch\" " + shellQuote(program[0] == '/' ? program : bin + program);
     for (const std::string& arg : args) command += " " + shellQuote(arg);
+    // script gives the program a terminal and passes its exit status on (-e).
+    if (terminal_) command = "export W\nscript -qec " + shellQuote(command) + " /dev/null";
     return s + command + " </dev/null >\"$W/out\" 2>\"$W/err\"\necho $? >\"$W/status\"\n";
 }
 
@@ -125,11 +132,14 @@ RunResult NamespaceHarness::run(const std::vector<std::string>& args, const std:
     testfiles::writeFile(root_.file("run.sh"), script(program, args));
     const int rc = shellStatus("unshare -m --propagation private /bin/sh " + shellQuote(root_.file("run.sh")) + " >" +
                                shellQuote(root_.file("setup.log")) + " 2>&1");
+    RunResult result;
     const std::string status = readFile(root_.file("status"));
-    if (!status.empty()) return {atoi(status.c_str()), readFile(root_.file("out")), readFile(root_.file("err")), ""};
-    RunResult failed;
-    failed.setupError = "status " + std::to_string(rc) + ": " + readFile(root_.file("setup.log"));
-    return failed;
+    if (status.empty()) {
+        result.setupError = "status " + std::to_string(rc) + ": " + readFile(root_.file("setup.log"));
+    } else {
+        result = {atoi(status.c_str()), readFile(root_.file("out")), readFile(root_.file("err")), ""};
+    }
+    return result;
 }
 
 std::string NamespaceHarness::readAgentFile(const std::string& relative) const {

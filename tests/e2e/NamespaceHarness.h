@@ -40,6 +40,8 @@ public:
     // Empty when runs are possible, else why not (checked once per process).
     static const std::string& unavailableReason();
 
+    // An empty tmpfs at /opt/ZOR/QLX; the program then runs from the installed prefix.
+    void hideInstallation() { emptyInstall_ = true; }
     // A fake tool that records its arguments, then runs body.
     void addFakeTool(const std::string& name, const std::string& body);
     // A fake tool that prints out and err and exits with status.
@@ -52,6 +54,13 @@ public:
     void hidePath(const std::string& target) { hiddenPaths_.push_back(target); }
     // Runs the program under faketime with this clock setting (such as "+0 x20").
     void useFaketime(const std::string& clock) { faketime_ = clock; }
+    // Sets a variable for the program. LC_ALL, LC_MESSAGES and LANG are otherwise unset,
+    // so messages are English whatever the test's own environment says.
+    void setEnv(const std::string& name, const std::string& value) { env_.emplace_back(name, value); }
+    // Runs the program on a pseudo-terminal (standard output and error both), as a
+    // person at a shell does; RunResult::out then holds everything it wrote, with the
+    // terminal's "\r\n" line ends, and err is empty.
+    void useTerminal() { terminal_ = true; }
     // Runs the program with this umask (such as "000") instead of the test's own.
     void useUmask(const std::string& mask) { umask_ = mask; }
 
@@ -67,11 +76,14 @@ private:
     std::string script(const std::string& program, const std::vector<std::string>& args) const;
 
     testfiles::TempDir root_;
+    bool emptyInstall_ = false;
     std::vector<std::string> fakes_;
     std::vector<std::string> hidden_;
     std::vector<std::pair<std::string, std::string>> trees_;  // target, host dir
     std::vector<std::string> hiddenPaths_;
+    std::vector<std::pair<std::string, std::string>> env_;  // name, value
     std::string faketime_;
+    bool terminal_ = false;
     std::string umask_;
 };
 

@@ -1,13 +1,15 @@
-// The installed tool's run flow as the agent sees it: exit status, standard output
-// and activity log.
+// The installed tool's run flow as the agent sees it: exit status, standard output,
+// activity log, and the line a failed run shows on a terminal.
 #include <filesystem>
 
 #include "gmock/gmock.h"
 #include "tests/e2e/NamespaceHarness.h"
 
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -15,7 +17,9 @@ class RunFlowE2eTest : public E2eTest {};
 
 // On a host without a multipath driver or /proc/scsi: the end message closes every run,
 // the start message opens it once the command line was accepted, no job file is left
-// behind, and nothing appears on standard error (the agent's case).
+// behind, and nothing appears on standard error (the agent's case). On a terminal a
+// failed run explains itself in one line; the sentences are ExitLineTest's, here the
+// run picks the status and the reason.
 TEST_F(RunFlowE2eTest, EachRequestEndsWithItsStatus) {
     const struct {
         std::vector<std::string> args;
@@ -23,14 +27,17 @@ TEST_F(RunFlowE2eTest, EachRequestEndsWithItsStatus) {
         const char* logged;
         bool started;     // the start message was logged
         const char* out;  // exact standard output
+        const char* reason = nullptr;  // what the line on a terminal ends with (nullptr: not run there)
     } cases[] = {
-        {{"-version"}, 0, "AGT0429I", true, "5.2.8.0\n"},
+        {{"-version"}, 0, "AGT0429I", true, "5.2.8.0\n", ""},
         {{"-bogus", "1"}, 3, "AGT0412E", false, ""},
-        {{"-multipath", "abc"}, 3, "AGT0398E", true, ""},
-        {{"-multipath", "9;dev1"}, 5, "/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 9;dev1", true, ""},
+        {{"-multipath", "abc"}, 3, "AGT0398E", true, "", "AGT0398E 'abc' is not a valid multipath option."},
+        {{"-multipath", "9;dev1"}, 5, "/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 9;dev1", true, "",
+         "the setting given is 9"},
         {{}, 6, "AGT0272E", true, ""},
         {{"-multipath", "3;mpatha"}, 169, "AGT0456E", true, ""},
-        {{"-multipath", "5"}, 1, "AGT0459I", true, ""},  // the rescan script's own status
+        // The rescan script's own complaint, which is nowhere in the activity log.
+        {{"-multipath", "5"}, 1, "AGT0459I", true, "", "Error: SCSI subsystem not active"},
     };
     for (const auto& c : cases) {
         const std::string input = ::testing::PrintToString(c.args);
@@ -46,13 +53,22 @@ TEST_F(RunFlowE2eTest, EachRequestEndsWithItsStatus) {
         EXPECT_THAT(log, HasSubstr("AGT0430I")) << input;
         EXPECT_EQ(c.started, log.find("AGT0429I") != std::string::npos) << input << log;
         EXPECT_THAT(host.listAgentDir("log"), ElementsAre("multipath.log")) << input;
+        if (!c.reason) continue;
+        host.useTerminal();
+        r = host.run(c.args);
+        EXPECT_EQ(c.exitStatus, r.exitStatus) << input << ": " << r.describe();
+        const std::string failed = "PathPlanner failed with exit status " + std::to_string(c.exitStatus) + " (";
+        EXPECT_THAT(r.out, StartsWith(c.exitStatus ? failed : "5.2.8.0\r\n")) << input;
+        EXPECT_THAT(r.out, EndsWith(c.exitStatus ? std::string("): ") + c.reason + "\r\n" : "")) << input;
+        // The log is what the agent reads: the reason shown on a terminal adds nothing to it.
+        EXPECT_THAT(host.readAgentFile("log/multipath.log"), Not(HasSubstr("SCSI subsystem"))) << input;
     }
 }
 
 TEST_F(RunFlowE2eTest, NoInstallationDirectoryExits59WithoutStartMessage) {
     NamespaceHarness host;
-    host.hidePath("/opt/ZOR/QLX/agent");  // the installed tool itself runs from the build's prefix
-    RunResult r = host.run({"-multipath", "5"}, PP_BINARY_DIR "/e2e-prefix/agent/bin/PathPlanner");
+    host.hideInstallation();
+    RunResult r = host.run({"-multipath", "5"});
     EXPECT_EQ(59, r.exitStatus) << r.describe();
     EXPECT_THAT(r.out + r.err, Not(HasSubstr("AGT0429I")));
 }
