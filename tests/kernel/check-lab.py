@@ -4,6 +4,7 @@ verdict, the steps' outputs that matter, and exits 1 when any check failed."""
 import glob
 import json
 import os
+import re
 import sys
 
 import jsonschema
@@ -69,6 +70,8 @@ def path_switch():
     if topology is None:
         return
     paths = tool_paths(topology)
+    for dev, p in paths.items():
+        check(f"{dev}: adapter port of host{p['host']}", p["adapterWwpn"] == f"21000024ff00aa0{p['host']}", p)
     port0 = sorted(d for d, p in paths.items() if p["host"] == 0)
     check("adapter 0 has paths", len(port0) >= 2, port0)
     before = shown_paths("paths-before")
@@ -95,10 +98,27 @@ def path_switch():
     check("--online brings every path back", all(p["dm"] == "active" for p in shown_paths("paths-after").values()))
 
 
+def queueing():
+    before = validated("topology-before", "topology-v2.schema.json")
+    after = validated("topology-after", "topology-v2.schema.json")
+    if before is None or after is None:
+        return
+    check("maps queue before", all(m["queueing"] is True for m in before["maps"]) and before["maps"], before)
+    result = validated("switch", "path-switch-result.schema.json")
+    check("--fail-if-no-path exit 0", status("switch") == 0)
+    check("every map switched", result is not None and
+          sorted(c["map"] for c in result["changed"]) == sorted(m["name"] for m in before["maps"]), result)
+    check("dmsetup table: no queue_if_no_path left", "queue_if_no_path" not in read("table-after"))
+    check("maps no longer queue", all(m["queueing"] is False for m in after["maps"]), after)
+    # multipathd may put its configured queueing back on a map it reloads, so a second run
+    # may switch a map again; it must still succeed and fail nothing.
+    check("second run succeeds", status("switch-again") == 0 and re.search(r"\bfailed\b", read("switch-again")) is None)
+
+
 # Every step's output first, in the order the steps ran, then the verdicts.
 for step in sorted(glob.glob(f"{OUT}/*.rc"), key=os.path.getmtime):
     show(os.path.basename(step)[:-3])
 print("--- activity.log\n" + read("activity", "log").rstrip())
-{"path-switch": path_switch}[SCENARIO]()
+{"path-switch": path_switch, "queueing": queueing}[SCENARIO]()
 print(f"{len(failures)} of the checks failed" if failures else "all checks passed")
 sys.exit(1 if failures else 0)

@@ -30,6 +30,7 @@ export LAB_RPM_PKGS=device-mapper-multipath-0.9.4-1.lab
 export LAB_TIMEOUT=${LAB_TIMEOUT:-240}
 case $scenario in
     path-switch) export LAB_FC=1 ;;
+    queueing) export LAB_MPCONF=$lab/guest/multipath-queue.conf ;;
 esac
 "$lab/vm-run.sh" -s "$share" bash "guest-$scenario.sh"
 status=$?
