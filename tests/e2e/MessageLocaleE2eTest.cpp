@@ -21,6 +21,7 @@ TEST_F(MessageLocaleE2eTest, LogLanguageFollowsTheEnvironment) {
     } cases[] = {
         {{}, false},
         {{{"LANG", "de_DE.UTF-8"}}, true},
+        {{{"LANG", "fr_FR.UTF-8"}}, false},  // no French catalogue: English
     };
     for (const auto& c : cases) {
         const std::string input = ::testing::PrintToString(c.env);

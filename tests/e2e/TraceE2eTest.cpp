@@ -5,7 +5,10 @@
 #include <regex>
 #include <string>
 
+#include "gmock/gmock.h"
 #include "tests/e2e/NamespaceHarness.h"
+
+using ::testing::HasSubstr;
 
 namespace {
 
@@ -31,6 +34,8 @@ TEST_F(TraceE2eTest, HeaderRecordsAndEndMarkerOfTheInstalledTool) {
                             R"(PathPlanner/ExecPathPlanner\.cpp *\( *\d+\): Unknown multipathSetting: 7)");
     std::smatch found;
     EXPECT_TRUE(std::regex_search(trace, found, record));
+    EXPECT_THAT(trace, HasSubstr("Tracing to file: /opt/ZOR/QLX/agent/log/multipath.trace\n"));
+    EXPECT_THAT(trace, HasSubstr("Tracefile maximum length set to 1 MB.\n"));
 }
 
 // The records of one run, keyed by the process number in their prefix.
