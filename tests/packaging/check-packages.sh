@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the .deb and .rpm, checks them (lintian; rpm's file list and config files;
+# Builds the .deb and .rpm, checks them (lintian; rpm's file list and requirements;
 # the .rpm installed and erased in a throwaway rpm root), then installs the .deb with
 # dpkg, runs the tool from it, removes it (the logs stay) and purges it (the logs go).
 #   tests/packaging/check-packages.sh [--sandbox] [CMake arguments for package.sh]
@@ -26,6 +26,9 @@ dpkg_cycle() {
     [ "$(man -w $page)" = /usr/share/man/man8/$page.8.gz ] || fail "man -w $page: $(man -w $page)"
   done
   logrotate -d /etc/logrotate.d/pathplanner >/dev/null 2>&1 || fail "logrotate rejects its rule"
+  bash -c '. /usr/share/bash-completion/bash_completion
+           . /usr/share/bash-completion/completions/PathPlanner
+           complete -p PathPlanner' >/dev/null || fail "bash completion for PathPlanner"
   # A request that stops at validation writes the activity log and touches nothing else.
   "$agent/bin/PathPlanner" -multipath 9 2>/dev/null && fail "setting 9 accepted"
   [ -s "$agent/log/multipath.log" ] || fail "no activity log written"
@@ -78,7 +81,12 @@ rpm=$dir/pathplanner-${version}.$(uname -m).rpm
 echo "== lintian $(basename "$deb")"
 lintian --fail-on error --display-level '>=info' "$deb" || fail "lintian reports errors"
 
-echo "== rpm -qpl $(basename "$rpm")"
+echo "== dpkg-deb --info / --contents"
+dpkg-deb --field "$deb" Package Version Architecture Maintainer Depends Suggests
+dpkg-deb --contents "$deb" | awk '{print $1, $6}'
+
+echo "== rpm -qpi / -qpl / -qpR $(basename "$rpm")"
+rpm -qp --queryformat '%{NAME} %{VERSION}-%{RELEASE} %{ARCH} vendor: %{VENDOR} packager: %{PACKAGER}\n' "$rpm"
 files=$(rpm -qpl "$rpm")
 for f in /opt/ZOR/QLX/agent/bin/PathPlanner /opt/ZOR/QLX/agent/bin/PathPlannerTopology \
          /opt/ZOR/QLX/agent/log /opt/ZOR/QLX/agent/nls/en_US/qlxna.cat /opt/ZOR/QLX/agent/nls/de_DE/qlxna.cat \
@@ -91,9 +99,15 @@ done
 for f in /opt /etc /etc/logrotate.d /usr/share/man/man8 /usr/share/bash-completion/completions; do
   grep -qxF -- "$f" <<<"$files" && fail "rpm -qpl claims $f"
 done
+requires=$(rpm -qpR "$rpm")
+for r in bash coreutils diffutils grep /usr/bin/awk sed rpm; do
+  expect_line "rpm -qpR" "$requires" "$r"
+done
+grep -q '^libc.so.6' <<<"$requires" || fail "rpm -qpR lacks the C library"
 # Read the list whole: grep -q leaving a pipe early fails the pipeline under pipefail.
 configs=$(rpm -qp --configfiles "$rpm")
 grep -qxF /etc/logrotate.d/pathplanner <<<"$configs" || fail "logrotate rule not a config file"
+rpm -K --nosignature "$rpm" >/dev/null || fail "rpm digests"
 
 # The payload unpacks and erases in a throwaway rpm root; this host's rpm database
 # knows none of the requirements, hence --nodeps. Erasing keeps the logs.
