@@ -65,10 +65,30 @@ def tool_paths(topology):
     return {p["device"]: p for m in topology["maps"] for g in m["groups"] for p in g["paths"]}
 
 
+def compare_with_listings(topology):
+    headers = re.findall(r"^(\S+) \((\w+)\) (dm-\d+) (\S+?),(\S+)", read("ll"), re.M)
+    check("maps and WWIDs as multipath -ll says",
+          [(m["name"], m["wwid"], m["dm"], m["vendor"], m["product"]) for m in topology["maps"]] ==
+          [tuple(h) for h in headers], f"{headers} vs {topology['maps']}")
+    shown = json.loads(read("showmaps"))["maps"]
+    for ours, theirs in zip(topology["maps"], shown):
+        check(f"{ours['name']}: name, WWID, dm, features as multipathd says",
+              (ours["name"], ours["wwid"], ours["dm"], ours["features"]) ==
+              (theirs["name"], theirs["uuid"], theirs["sysfs"], theirs["features"]), theirs)
+        groups = [[(p["dev"], p["dev_t"], p["dm_st"], p["chk_st"]) for p in g["paths"]] for g in theirs["path_groups"]]
+        mine = [[(p["device"], p["devt"], p["dmState"], p["checkerState"]) for p in g["paths"]] for g in ours["groups"]]
+        check(f"{ours['name']}: groups and paths as multipathd says", mine == groups, f"{mine} vs {groups}")
+        check(f"{ours['name']}: group priorities as multipathd says",
+              [g["priority"] for g in ours["groups"]] == [g["pri"] for g in theirs["path_groups"]])
+    check("same number of maps as multipathd", len(shown) == len(topology["maps"]))
+
+
 def path_switch():
+    check("--version", read("version") == "PathPlannerTopology 5.2.8.0\n", read("version"))
     topology = validated("topology", "topology-v2.schema.json")
     if topology is None:
         return
+    compare_with_listings(topology)
     paths = tool_paths(topology)
     for dev, p in paths.items():
         check(f"{dev}: adapter port of host{p['host']}", p["adapterWwpn"] == f"21000024ff00aa0{p['host']}", p)
@@ -86,6 +106,9 @@ def path_switch():
           all((p["dm"] == "failed") == (d in port0) for d, p in after.items()), after)
 
     check("last-path refusal exit 174", status("refusal") == 174)
+    check("refusal is one line naming the maps",
+          read("refusal", "err").count("\n") == 1 and all(m["name"] in read("refusal", "err") for m in topology["maps"]),
+          read("refusal", "err"))
     # The path checker may change a checker state in between; the dm states are the refusal's.
     dm_states = lambda paths: {d: p["dm"] for d, p in paths.items()}
     check("refusal changed nothing", dm_states(shown_paths("paths-refused")) == dm_states(after),
@@ -96,6 +119,12 @@ def path_switch():
 
     check("--online exit 0", status("online") == 0)
     check("--online brings every path back", all(p["dm"] == "active" for p in shown_paths("paths-after").values()))
+    log = read("activity", "log")
+    for dev in port0:
+        check(f"log: {dev} offline and online",
+              re.search(rf"AGT0470I User root set the path {dev} of", log) is not None and
+              re.search(rf"AGT0471I User root set the path {dev} of", log) is not None)
+    check("log: the refusal", "AGT0473W" in log)
 
 
 def queueing():

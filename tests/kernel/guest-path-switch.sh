@@ -20,6 +20,9 @@ await_paths() {
     done
 }
 
+step version "$T" --version
+step ll multipath -ll -v2
+step showmaps multipathd show maps json
 step topology "$T"
 step paths-before multipathd show paths
 step offline "$T" --offline 21:00:00:24:FF:00:AA:00
@@ -28,6 +31,7 @@ step paths-offline multipathd show paths
 # host1 now carries the last usable path of every map.
 step refusal "$T" --offline 0x21000024ff00aa01
 step paths-refused multipathd show paths
+step topology-offline "$T"
 # The path checker runs every 5 s: the failed paths must stay failed past it.
 sleep 7
 step paths-later multipathd show paths
