@@ -30,6 +30,8 @@ TEST_F(RunFlowE2eTest, EachRequestEndsWithItsStatus) {
         const char* reason = nullptr;  // what the line on a terminal ends with (nullptr: not run there)
     } cases[] = {
         {{"-version"}, 0, "AGT0429I", true, "5.2.8.0\n", ""},
+        // "-multipath" is not allowed after "-version"; the version still prints.
+        {{"-version", "-multipath", "5"}, 3, "AGT0412E", false, "5.2.8.0\n"},
         {{"-bogus", "1"}, 3, "AGT0412E", false, ""},
         {{"-multipath", "abc"}, 3, "AGT0398E", true, "", "AGT0398E 'abc' is not a valid multipath option."},
         {{"-multipath", "9;dev1"}, 5, "/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 9;dev1", true, "",

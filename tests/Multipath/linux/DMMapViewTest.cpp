@@ -73,6 +73,18 @@ TEST(DMMapViewTest, ReadsRealListingWithFailedPaths) {
 }
 
 // The kernel prints the address in decimal; host 10 is host 10 here.
+// The oldest layout has no dm name or model, no priorities, and the checker state first.
+TEST(DMMapViewTest, ReadsTheOldestBracketedListing) {
+    EXPECT_EQ(parse(fixture("multipath-ll-v2.bracketed-0.4.5.stdout")),
+              (Lines{"mpath1 wwid=3600508b4000156d700012000000b0000 dm=null vendor=null product=null size=5 GB "
+                     "features=1 queue_if_no_path queueing=true hwhandler=0",
+                     " 1 policy=round-robin 0 prio=null status=active preferred",
+                     "  sda 8:0 0:0:0:1 active ready null",
+                     "  sdb 8:16 1:0:0:1 active ready null",
+                     " 2 policy=round-robin 0 prio=null status=enabled",
+                     "  sdc 8:32 0:0:1:1 failed faulty null"}));
+}
+
 TEST(DMMapViewTest, ReadsAddressesInDecimal) {
     const char* cases[][2] = {  // path line, the path it gives ("": none)
         {"`- 10:0:3:255 sdq 65:0 active ready running", "  sdq 65:0 10:0:3:255 active ready running"},

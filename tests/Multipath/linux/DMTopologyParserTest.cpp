@@ -60,6 +60,12 @@ TEST(DMTopologyParserTest, BracketedListingGivesEveryPath) {
                      "disk=3600a0b800011a1ee0000c4b54a7c1f5b group=1 preferred",
                      "sdf 3:0:0:2 mode=active state=ready policy=round-robin "
                      "disk=3600a0b800011a1ee0000c4b54a7c1f5b group=2 preferred"}));
+    // The oldest layout prints the checker state first and marks the first group
+    // "[first]"; a later group line with neither prio nor first is not a group.
+    EXPECT_EQ(parse(fixture("multipath-ll-v2.bracketed-0.4.5.stdout")),
+              (Lines{"sda 0:0:0:1 mode=active state=ready policy=round-robin disk=mpath1 group=1 preferred",
+                     "sdb 1:0:0:1 mode=active state=ready policy=round-robin disk=mpath1 group=1 preferred",
+                     "sdc 0:0:1:1 mode=failed state=faulty policy=round-robin disk=mpath1 group=1 preferred"}));
 }
 
 TEST(DMTopologyParserTest, PathLineFields) {
