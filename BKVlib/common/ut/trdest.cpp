@@ -222,6 +222,7 @@ int32_t beginWrapFile() {
         TraceFileLock fileHold(file);
         ready = (trState.segCount < 2 && reuseWrapFile(file)) || createWrapFile(file);
         if (ready) rc = writeFirstRecord();
+        if (ready && rc >= 0 && trState.stream == file) trState.header.map(fileno(file));
     }
     if (file && !ready) {
         trState.stream = nullptr;
@@ -285,6 +286,7 @@ void closeDestination() {
     FILE* file = trState.stream;
     if (trIsFileStream(file)) {
         closeWrapFile(file);
+        trState.header.unmap();
         ++trState.fileGeneration;
         if (fclose(file) != 0) {
             printf("Unable to close trace output file %s: %s \n", trState.fileName.c_str(), strerror(errno));

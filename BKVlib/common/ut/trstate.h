@@ -13,6 +13,27 @@
 #include "BKVlib/common/ut/trace.h"
 #include "BKVlib/common/ut/trlock.h"
 
+// The wrapping file's offset field (12 bytes at offset 12) through a shared
+// mapping of the file's start, used under wrapMutex and the file's lock. Unmapped,
+// or after the page faulted, the reads and writes say false and the caller uses
+// pread and pwrite.
+class TraceHeaderMap {
+public:
+    TraceHeaderMap() = default;
+    ~TraceHeaderMap();
+    TraceHeaderMap(const TraceHeaderMap&) = delete;
+    TraceHeaderMap& operator=(const TraceHeaderMap&) = delete;
+    // Maps a regular file whose header is already written; stays unmapped otherwise.
+    void map(int fd);
+    void unmap();
+    bool readField(char* field);
+    bool writeField(const char* field);
+
+private:
+    bool copy(char* to, const char* from);
+    char* page_ = nullptr;
+};
+
 // Fields read by writers on any thread without the state mutex are atomic.
 // stateMutex guards opening, closing and the names; wrapMutex guards the wrap
 // offsets (dataStart, nextWrite) and the write sequence on a wrapping file.
@@ -54,6 +75,7 @@ struct TraceState {
     // which opening of the file it was taken on (both under wrapMutex).
     int32_t fileLockDepth = 0;
     uint32_t fileGeneration = 0;
+    TraceHeaderMap header;
     // The plain file lies on a file system that appends each write whole, so
     // processes sharing it need no lock around a record.
     std::atomic<bool> appendsWhole{false};

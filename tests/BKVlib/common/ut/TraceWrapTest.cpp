@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
 #include <map>
 #include <regex>
 #include <string>
@@ -114,6 +116,42 @@ TEST_F(TraceWrapTest, EarlierFileIsContinuedOnlyWhenItFits) {
             EXPECT_EQ(1u, countOf(text, "BEGINNING NEW TRACE")) << c.name;
         }
     }
+}
+
+// The offset field is kept through a mapping of the file's first page. A file cut
+// to nothing without the lock makes that page fault: the trace goes on through
+// pread and pwrite, exactly as it would have without the mapping, while a fault
+// anywhere else still ends the process.
+TEST_F(TraceWrapTest, FileCutToNothingUnderTheTraceIsWrittenOnButOtherBusErrorsStillKill) {
+    int rc = runInChild([&] {
+        beginBare(1);
+        put("before");
+        size_t next = recordedOffset(readFile(path_));
+        if (truncate(path_.c_str(), 0) != 0) return 3;
+        put("after");
+        put("again");
+        std::string text = readFile(path_);
+        if (recordedOffset(text) != next + 12) return 4;
+        return text.substr(next) == "after\nagain\n" + kEnd ? 0 : 5;
+    });
+    EXPECT_EQ(0, rc);
+
+    std::string other = dir_.file("other");
+    rc = runInChild([&] {
+        beginBare(1);
+        put("mapped");
+        writeFile(other, std::string(4096, 'o'));
+        int fd = open(other.c_str(), O_RDWR);
+        auto* page = static_cast<volatile char*>(mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0));
+        if (page == MAP_FAILED || ftruncate(fd, 0) != 0) return 3;
+        return page[0] == 'o' ? 42 : 43;  // faults
+    });
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // The sanitizer's handler was there first: it reports the fault and exits.
+    EXPECT_TRUE(rc != 42 && rc != 43 && rc != 3) << rc;
+#else
+    EXPECT_EQ(1000 + SIGBUS, rc);
+#endif
 }
 
 // Runs in a child with a 64 KB tmpfs at mountPoint; 0 when every kind of trace
