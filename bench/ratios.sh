@@ -48,8 +48,9 @@ done
 work="$(mktemp -d /tmp/pp-ratios-XXXXXX)"
 trap 'rm -rf "$work"' EXIT
 
-# cmake --install copies what the build made and compiles nothing.
-cmake --install "$build" --prefix "$work/QLX/agent" >/dev/null
+# cmake --install copies what the build made and compiles nothing; stripped, as the
+# packages ship the tool.
+cmake --install "$build" --strip --prefix "$work/QLX/agent" >/dev/null
 unshare -m --propagation private "$here/ratios.sh" --inside "$work/QLX" "$work/startup" "$runs"
 
 bench_args=(--benchmark_format=json --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true)
