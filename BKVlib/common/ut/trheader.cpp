@@ -17,9 +17,7 @@
 
 namespace {
 
-constexpr size_t kFieldOffset = 12;
-constexpr size_t kFieldLength = 12;
-constexpr size_t kMappedLength = kFieldOffset + kFieldLength;
+constexpr size_t kMappedLength = kTrOffsetField + kTrOffsetFieldLength;
 
 // Volatile: the stores around the copy must stay where they are, though nothing
 // between them reads it but the signal handler.
@@ -81,11 +79,11 @@ bool TraceHeaderMap::copy(char* to, const char* from) {
         return false;
     }
     busJump = &jump;
-    copyBytes(to, from, kFieldLength);
+    copyBytes(to, from, kTrOffsetFieldLength);
     busJump = nullptr;
     return true;
 }
 
-bool TraceHeaderMap::readField(char* field) { return page_ && copy(field, page_ + kFieldOffset); }
+bool TraceHeaderMap::readField(char* field) { return page_ && copy(field, page_ + kTrOffsetField); }
 
-bool TraceHeaderMap::writeField(const char* field) { return page_ && copy(page_ + kFieldOffset, field); }
+bool TraceHeaderMap::writeField(const char* field) { return page_ && copy(page_ + kTrOffsetField, field); }

@@ -13,7 +13,11 @@
 #include "BKVlib/common/ut/trace.h"
 #include "BKVlib/common/ut/trlock.h"
 
-// The wrapping file's offset field (12 bytes at offset 12) through a shared
+// The wrapping file's next-write offset: "%-12lu" at byte 12 of its first line.
+constexpr size_t kTrOffsetField = 12;
+constexpr size_t kTrOffsetFieldLength = 12;
+
+// The wrapping file's offset field through a shared
 // mapping of the file's start, used under wrapMutex and the file's lock. Unmapped,
 // or after the page faulted, the reads and writes say false and the caller uses
 // pread and pwrite.

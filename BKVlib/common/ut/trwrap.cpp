@@ -109,8 +109,8 @@ int32_t trWrapPut(const char* text, size_t length) {
 int32_t trWrapStoreOffset() {
     FILE* stream = trState.stream;
     // "%-12lu": the digits, then blanks to the field's end.
-    char field[12];
-    char digits[12];
+    char field[kTrOffsetFieldLength];
+    char digits[kTrOffsetFieldLength];
     size_t count = 0;
     uint32_t value = trState.nextWrite;
     do {
@@ -121,15 +121,15 @@ int32_t trWrapStoreOffset() {
     if (stream && trState.header.writeField(field)) return 0;
     struct iovec part = {field, sizeof(field)};
     errno = 0;
-    return stream ? writeAt(fileno(stream), &part, 1, 12) : -1;
+    return stream ? writeAt(fileno(stream), &part, 1, kTrOffsetField) : -1;
 }
 
 void trWrapRereadOffset() {
     FILE* stream = trState.stream;
-    char field[12];
+    char field[kTrOffsetFieldLength];
     if (!stream) return;
     if (!trState.header.readField(field) &&
-        pread(fileno(stream), field, sizeof(field), 12) != static_cast<ssize_t>(sizeof(field))) {
+        pread(fileno(stream), field, sizeof(field), kTrOffsetField) != static_cast<ssize_t>(sizeof(field))) {
         return;
     }
     uint64_t value = 0;
