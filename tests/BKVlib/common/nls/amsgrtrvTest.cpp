@@ -40,13 +40,6 @@ protected:
         va_end(args);
         return rc == RC_OK ? out : "<rc " + std::to_string(rc) + ">";
     }
-    static int32_t inserts(NlInserts* out, uint16_t number, ...) {
-        va_list args;
-        va_start(args, number);
-        int32_t rc = nlGetInserts(number, out, args);
-        va_end(args);
-        return rc;
-    }
     NlsTestCatalog catalog_;
     std::string language_;
 };
@@ -63,20 +56,12 @@ TEST_F(NlsRepositoryTest, FormatsMessagesInTranslationOrderWithSeverities) {
               text(3, 1, std::string(5000, 'x').c_str()));  // a long insert is cut to the scratch buffer
     const std::pair<uint16_t, uint8_t> cases[] = {{1, NL_SEV_I}, {5, NL_SEV_T}, {7, NL_SEV_S}, {999, NL_SEV_UNKNOWN}};
     for (const auto& c : cases) EXPECT_EQ(c.second, nlGetSeverity(c.first)) << c.first;
-    NlInserts found;
-    ASSERT_EQ(RC_OK, inserts(&found, 3, 42, "/etc/fstab"));  // reordered in the text, collected in argument order
-    EXPECT_EQ(42, found.values[0].integer);
-    EXPECT_EQ("/etc/fstab", found.values[1].text);
-    EXPECT_EQ(RC_MSG_NOT_FOUND, inserts(&found, 4242));
-    EXPECT_EQ("?????", found.text);
 }
 
 TEST_F(NlsRepositoryTest, LanguageFallbacks) {
     ASSERT_EQ("", catalog_.add("de_DE", "app.cat", "1 KRN0001I Deutsch.\n"));
-    ASSERT_EQ("", catalog_.add("fr_FR", "app.cat", "1 KRN0001I Français.\n"));
     const struct { const char *lang, *text, *current; bool warned; } cases[] = {
         {"de_DE.UTF-8", "KRN0001I Deutsch.", "de_DE.UTF-8", false},
-        {"fr", "KRN0001I Français.", "fr", false},
         {"xx", kPlain.c_str(), "xx", false},
         {"ja_JP", kPlain.c_str(), "en_US", true},
     };
@@ -103,9 +88,6 @@ TEST_F(NlsRepositoryTest, StartFailures) {
     EXPECT_EQ("KRN0101E Unable to open English message repository '" + empty.path("en_US", "app.cat") + "'.\n",
               nlsObject()->pendingText);
     EXPECT_EQ(0, nlsStatus());
-    NlInserts none;
-    EXPECT_EQ(RC_MISSING_ARG, inserts(&none, 1));
-    EXPECT_EQ("??????", none.text);
     EXPECT_EQ(RC_NLS_INIT_FAILED, nlsInit("app.cat", std::string(1024, 'd').c_str(), "app.cat", settings, &used));
 }
 

@@ -43,7 +43,6 @@ TEST_F(TraceFileTest, PrefixPiecesComeInFixedOrderAndSourcePlaceIsPadded) {
     const struct { const char* flags; int32_t clientType; const char* file; uint32_t line; std::string pattern; } cases[] = {
         {"-TIMESTAMP", 9, file, 42, place},
         {"-PREFIX", 9, file, 42, stamp + ": value 7\n"},
-        {"-TIMESTAMP -PREFIX CLIENTTYPE", 99, file, 42, "\\[ctUnkown    \\]value 7\n"},
         {"PID TID CLIENTTYPE", 9, file, 42, stamp + pid + "\\[1\\] \\[ctUtlAppl   \\]: " + place},
         {"-TIMESTAMP", 9, "a/longer/path/than/twenty.cpp", 4294967295u,
          "a/longer/path/than/twenty\\.cpp\\(4294967295\\): value 7\n"},
@@ -109,10 +108,7 @@ TEST_F(TraceFileTest, EntryPointsOnAWrappingFileKeepErrno) {
     const struct { const char* name; std::function<void()> call; } calls[] = {
         {"trLogEnabledClasses", [] { trLogEnabledClasses(); }},
         {"trQuery to stdout", [] { trQuery(TR_QUERY_ALL, nullptr); }},
-        {"trShowTables", [] { trShowTables(); }},
         {"trRawPrintf", [] { trRawPrintf("raw %d\n", 1); }},
-        {"trDumpHex", [] { trDumpHex("ab", 2, 0); }},
-        {"trSetFileName", [] { trSetFileName("/nonexistent-dir/x.trc"); }},
         {"trEnd", [] { trEnd(1); }},
     };
     trSetMaxMB(1);
@@ -127,12 +123,7 @@ TEST_F(TraceFileTest, EntryPointsOnAWrappingFileKeepErrno) {
     testing::internal::GetCapturedStdout();
 }
 
-TEST_F(TraceFileTest, BadNamesAndUnusableDirectoriesAreRefused) {
-    writeFile(dir_.file("plainfile"), "x");
-    const std::pair<std::string, int32_t> cases[] = {
-        {"", -1}, {std::string(1024, 'n'), -1}, {dir_.file("missing/t.trc"), RC_TRACE_DIR_UNUSABLE},
-        {dir_.file("plainfile/t.trc"), RC_TRACE_DIR_UNUSABLE}, {"STDERR", 0}};
-    for (const auto& c : cases) EXPECT_EQ(c.second, trSetFileName(c.first.c_str())) << c.first;
+TEST_F(TraceFileTest, BadNamesAndUnopenableFilesAreRefused) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(-1, trBegin("", 0));
     EXPECT_EQ(RC_TRACE_OPEN_FAILED, trBegin(dir_.file("no/t.trc").c_str(), 0));

@@ -15,11 +15,8 @@ TEST_F(TraceFlagsTest, ListsSwitchTheNamedClasses) {
         {{"nls Pid"}, {TR_NLS, TR_PID, TR_TIMESTAMP, TR_PREFIX}, {TR_TID, TR_ERROR}},
         // Only the first list switches TIMESTAMP and PREFIX on.
         {{"-PREFIX", "PID"}, {TR_TIMESTAMP, TR_PID}, {TR_PREFIX}},
-        {{"-TIMESTAMP", "ALL"}, {TR_ERROR, TR_SMWIN, TR_HARBOR_COMM, TR_PREFIX}, {TR_TIMESTAMP}},
         // A negated aggregate switches its members off, even those it negates itself.
         {{"ALL", "-SERVICE"}, {TR_TIMESTAMP}, {TR_ERROR, TR_NLS, TR_BTREEDB}},
-        // ALL_PROC names ALL_SESS, which the table defines after it.
-        {{"ALL_PROC"}, {TR_INCR, TR_DIROPS, TR_SESSION, TR_C2C}, {TR_NLS}},
     };
     for (const auto& c : cases) {
         resetTrace();
@@ -47,12 +44,6 @@ TEST_F(TraceFlagsTest, CallerTablesAndSelfReferringAggregate) {
     EXPECT_EQ(0, trSetFlags("both", 0, classes, aggregates));
     EXPECT_EQ(2, mine + trFlags[TR_ENTER]);
     EXPECT_EQ(-1, trSetFlags("LOOP", 1, classes, aggregates));  // ends instead of recursing forever
-}
-
-TEST(TraceTablesTest, EveryAggregateNamesKnownWords) {
-    for (const TraceAggregate* row = trLibAggregates; row->name; ++row) {
-        EXPECT_EQ(0, trSetLibFlags(row->members, 1)) << row->name;
-    }
 }
 
 }  // namespace
