@@ -39,16 +39,11 @@ public:
         return runGencat(lang, name, gencat);
     }
 
-    // Writes bytes as lang/name, for files that are no catalogue at all.
-    void addFile(const std::string& lang, const std::string& name, const std::string& bytes) {
-        std::filesystem::create_directories(dir() + "/" + lang);
-        testfiles::writeFile(path(lang, name), bytes);
-    }
-
 private:
     std::string runGencat(const std::string& lang, const std::string& name, const std::string& gencat) {
         const std::string msgFile = path(lang, name + ".msg");
-        addFile(lang, name + ".msg", gencat);
+        std::filesystem::create_directories(dir() + "/" + lang);
+        testfiles::writeFile(msgFile, gencat);
         std::string cmd = "LC_ALL=C.UTF-8 gencat '" + path(lang, name) + "' '" + msgFile + "' 2>&1";
         return system(cmd.c_str()) == 0 ? std::string() : "gencat failed for " + msgFile;
     }

@@ -6,8 +6,6 @@
 #include <string>
 #include <utility>
 
-#include "tools/msgc/MsgCompiler.h"
-
 namespace {
 
 TEST(NlConversionTest, ParsesTypesAndStars) {
@@ -30,26 +28,6 @@ TEST(NlConversionTest, ParsesTypesAndStars) {
         NlConversion conv;
         EXPECT_FALSE(nlParseConversion(text, strlen(text), &conv)) << text;
     }
-}
-
-// Compiles text in ordered form, decodes it as the repository does and expands it.
-std::string expand(const char* source, ...) {
-    std::string body, error;
-    if (!msgc::compileText(source, false, &body, &error)) return "compile: " + error;
-    NlCompiled msg;
-    if (!nlParseCompiled(body.data(), body.size(), &msg)) return "parse failed";
-    va_list args;
-    va_start(args, source);
-    nlsCharBuffer out;
-    nlOrderInsert(msg, &out, args);
-    va_end(args);
-    return out.text();
-}
-
-TEST(NlOrderInsertTest, ExpandsInTranslationOrder) {
-    EXPECT_EQ("b=2 a=one", expand("b=%2$d a=%1$s", "one", 2));
-    EXPECT_EQ("[  x][1.50][-3]", expand("[%*s][%.2f][%ld]", 3, "x", 1.5, -3L));
-    EXPECT_EQ("100% 7", expand("100%% %d", 7));
 }
 
 TEST(NlDecodeTest, StandinsInHeaderFollowMask) {

@@ -63,14 +63,6 @@ TEST(LogHeaderTest, ParsesWhatItFormatsAndRefusesBadNumbers) {
     EXPECT_EQ(400u, utParseLogHeader(header.data(), header.find('\n')).maxBytes);
 }
 
-TEST_F(LogFileTest, ParsesOnlyRealDates) {
-    struct tm parsed;  // in the default setting, year first
-    for (const char* bad : {"2024-13-01", "2023-02-29", "2024-04-31", "2024/02/09", "2024-2-9  ", "2024-02-0", ""}) {
-        EXPECT_EQ(-1, utParseDate(bad, strlen(bad), &parsed)) << bad;
-    }
-    EXPECT_EQ(0, utParseDate("2024-02-29", 10, &parsed));
-}
-
 // The tool writes plain logs only; a wrapping log found in its place is converted.
 TEST_F(LogFileTest, WrappingLogIsConvertedToPlainKeepingItsNewestEntries) {
     writeLog(2000, 0, 7);
