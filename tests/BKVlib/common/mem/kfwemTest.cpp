@@ -3,12 +3,17 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstdio>
+#include <cstring>
 #include <functional>
+#include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
+#include "BKVlib/common/ut/trace.h"
 #include "gtest/gtest.h"
+#include "tests/support/TestFiles.h"
 
 namespace {
 
@@ -98,6 +103,46 @@ TEST_F(KfwemTest, WrongAndFailedCallsAreReportedWithCallerFileAndLine) {
     gSystemFails = false;
     EXPECT_EQ(-40, head(keep)->bSize);  // the block next to all of that is untouched
     KF_FREE(keep);
+}
+
+TEST_F(KfwemTest, ThreadsShareThePoolWithoutDamage) {
+    auto worker = [](unsigned char seed) {
+        std::mt19937 random(seed);
+        std::vector<std::pair<unsigned char*, size_t>> live(64, {nullptr, 0});
+        for (int i = 0; i < 4000; ++i) {
+            auto& slot = live[random() % live.size()];
+            if (slot.first) {
+                ASSERT_EQ(seed, slot.first[slot.second - 1]);  // no other thread was given these bytes
+                KF_FREE(slot.first);
+            }
+            slot.second = 1 + random() % (random() % 50 == 0 ? 70000 : 300);
+            slot.first = static_cast<unsigned char*>(KF_MALLOC(slot.second));
+            memset(slot.first, seed, slot.second);
+        }
+        for (auto& slot : live) KF_FREE(slot.first);
+    };
+    std::vector<std::thread> threads;
+    for (unsigned char t = 1; t <= 4; ++t) threads.emplace_back(worker, t);
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(RC_OK, KfwPoolCheck());
+}
+
+TEST_F(KfwemTest, PoolCheckFindsDamage) {
+    testfiles::TempDir dir;
+    trInit(0, 0, nullptr);
+    trSetLibFlags("MEMORY", 0);
+    ASSERT_EQ(0, trBegin(dir.file("trace").c_str(), 0));
+    void* small = kfMalloc(1, "t.cpp", 3);
+    EXPECT_EQ(RC_OK, KfwPoolCheck());
+    const std::string record = "KFWEM(+) Addr " + addr(small) + " Size 1 File t.cpp Line 3\n";
+    EXPECT_NE(std::string::npos, testfiles::readFile(dir.file("trace")).find(record));
+    CBlkHead saved = *head(small);
+    head(small)->magic = 0x1234;
+    EXPECT_EQ(RC_POOL_DAMAGED, KfwPoolCheck());
+    EXPECT_NE(std::string::npos, testfiles::readFile(dir.file("trace")).find("(Magic value overwritten)\n"));
+    *head(small) = saved;
+    trEnd(1);
+    KF_FREE(small);
 }
 
 }  // namespace
