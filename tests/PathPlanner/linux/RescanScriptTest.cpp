@@ -1,12 +1,16 @@
 // Runs the rescan script in a private mount namespace with fake /proc, /sys/class
 // and /tmp trees, a sleep that does not wait, and fakes that play the kernel.
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
 #include "PathPlanner/linux/WalkTheBusLinux.h"
-#include "gtest/gtest.h"
-#include "tests/support/TestFiles.h"
+#include "tests/fakes/FakeTools.h"
 
 namespace {
 
@@ -19,21 +23,6 @@ mkfifo sysclass/scsi_host/host2/scan sysclass/scsi_host/host3/scan
 : > sysclass/scsi_host/host4/scan; : > sysclass/fc_host/host2/issue_lip
 printf 'Attached devices:\nHost: scsi2 Channel: 00 Id: 00 Lun: 00\n' > proc/scsi/scsi
 )";
-// Two 2.4 hosts: qla2300's entry "2" by name, lpfc's entry by its status file (5).
-const char kProcHosts[] = R"(
-mkdir -p proc/scsi/sg proc/scsi/qla2300 proc/scsi/lpfc/0 sysclass/block
-: > proc/scsi/sg/devices; : > proc/scsi/qla2300/add_map; echo 'QLogic driver' > proc/scsi/qla2300/2
-printf 'Emulex LightPulse\nSCSI host number: 5\n' > proc/scsi/lpfc/0/status
-echo 'Host: scsi2 Channel: 00 Id: 00 Lun: 00' > table
-{ echo 'Attached devices:'; cat table; } > proc/scsi/scsi
-)";
-
-size_t countLines(const std::string& text, const std::string& line) {
-    size_t count = 0;
-    for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++count;
-    return count;
-}
-
 // The stage lives in the build tree; /tmp is replaced inside the namespace.
 class RescanScriptTest : public ::testing::Test {
 protected:
@@ -86,20 +75,41 @@ TEST_F(RescanScriptTest, SysfsNewLunOnSecondPassEndsTheLoop) {
     EXPECT_TRUE(empty("tmp"));  // the /proc/scsi/scsi snapshots are removed
 }
 
-TEST_F(RescanScriptTest, ProcScsiFindsHostsAndAddsEachAddress) {
-    EXPECT_EQ(0, run(std::string(kProcHosts) + "printf '2 0 1 0\\n2 0 1 1\\n' > present"));
-    std::string adds = read("adds.log");
-    // Host 5 (from lpfc's status file) first: LUN 0 of each target only, as nothing answers.
-    EXPECT_EQ(0u, adds.find("5 0 0 0\n5 0 1 0\n5 0 2 0\n"));
-    // Host 2: LUN 0 of target 0 is listed already, so its higher LUNs are tried;
-    // target 1 answers at LUNs 0 and 1 and the LUNs above are still tried.
-    EXPECT_EQ(0u, countLines(adds, "2 0 0 0\n"));
-    EXPECT_NE(std::string::npos, adds.find("2 0 0 7\n2 0 1 0\n2 0 1 1\n2 0 1 2\n"));
-    EXPECT_EQ(77u, countLines(adds, "\n"));
-    EXPECT_EQ("Found new device: Host: scsi2 Channel: 00 Id: 01 Lun: 00\n"
-              "Found new device: Host: scsi2 Channel: 00 Id: 01 Lun: 01\nFound 2 device(s).\n",
-              read("out"));
-    EXPECT_EQ("", read("sleep.log"));
+using ::testing::HasSubstr;
+
+class WalkTheBusLinuxTest : public ::testing::Test {
+protected:
+    void TearDown() override { unlink(path_.c_str()); }
+    // A vehicle without a driver whose pauses are only recorded.
+    std::unique_ptr<WalkTheBusLinux> vehicle(const std::string& script) {
+        Sleeper sleeper = [this](uint32_t seconds) { sleeps_.push_back(seconds); };
+        return std::make_unique<WalkTheBusLinux>(nullptr, sleeper, script);
+    }
+    const std::string path_ = "/tmp/rescanScript" + std::to_string(getpid());
+    std::vector<uint32_t> sleeps_;
+};
+
+TEST_F(WalkTheBusLinuxTest, NameThatCannotBeFreedEndsTheWalk) {
+    ASSERT_EQ(0, mkdir(path_.c_str(), 0777));  // unlink cannot remove a directory
+    fakes::TraceCapture trace;
+    EXPECT_EQ(RC_CANCELLED, vehicle("echo must not run")->walkTheBus());
+    rmdir(path_.c_str());
+    EXPECT_THAT(trace.text(), HasSubstr("writeScript() Unable to create rescan script.\n"));
+    EXPECT_TRUE(sleeps_.empty());
+}
+
+TEST_F(WalkTheBusLinuxTest, FailedWriteRemovesScript) {
+    // A file-size limit below the script's length makes the write fail part-way;
+    // the limit is set in the death test's child only.
+    auto writeUnderLimit = [this]() {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit;
+        limit.rlim_cur = limit.rlim_max = 100;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        std::unique_ptr<WalkTheBusLinux> walker = vehicle(std::string(4096, '#'));  // named after the child's id
+        return walker->writeScript() == RC_CANCELLED && access(walker->scriptPath().c_str(), F_OK) != 0 ? 0 : 1;
+    };
+    EXPECT_EXIT(_exit(writeUnderLimit()), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
