@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <regex>
 
 #include "BKVlib/common/ut/ReturnCodes.h"
 #include "Common/AgentTrace.h"
@@ -22,6 +23,14 @@ TEST(CmdExecerTest, CommandQuotesProgramAndAppendsToCaptureFiles) {
     };
     for (const auto& c : cases) EXPECT_EQ(c.command, CmdExecer(c.args, c.out, c.err, c.noQuote).getCommand());
     EXPECT_EQ(RC_NOT_RUN, CmdExecer({}).runCommand());
+}
+
+// A command given no capture files gets two of its own in /tmp, removed with the command.
+TEST(CmdExecerTest, TemporaryCaptureFilesAreDeleted) {
+    const std::string command = CmdExecer({"/bin/true"}).getCommand();
+    std::smatch names;
+    ASSERT_TRUE(std::regex_search(command, names, std::regex(" >>(/tmp/hka\\S+) 2>>(/tmp/hka\\S+)$"))) << command;
+    EXPECT_FALSE(testfiles::fileExists(names[1]) || testfiles::fileExists(names[2])) << command;
 }
 
 TEST(CmdExecerTest, ExitCodesAndCapturedStreams) {

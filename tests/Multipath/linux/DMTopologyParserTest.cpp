@@ -1,4 +1,5 @@
 // The two readers of "multipath -ll -v2": the flat path records and the nested map view.
+#include <regex>
 #include <sstream>
 
 #include "Multipath/linux/DMMapView.h"
@@ -62,6 +63,16 @@ TEST(DMTopologyParserTest, BracketedListingGivesEveryPath) {
               (Lines{"sda 0:0:0:1 mode=active state=ready policy=round-robin disk=mpath1 group=1 preferred",
                      "sdb 1:0:0:1 mode=active state=ready policy=round-robin disk=mpath1 group=1 preferred",
                      "sdc 0:0:1:1 mode=failed state=faulty policy=round-robin disk=mpath1 group=1 preferred"}));
+}
+
+TEST(DMTopologyParserTest, NoiseAroundTheListingIsIgnored) {
+    const std::string listing = fixture("multipath-ll-v2.two-maps.stdout");
+    std::string noisy = "Jan 01 00:00:00 | sda: checker msg is \"directio checker reports path is up\"\n"
+                        "multipathd: 8:16: reinstated\n# comment |- 0:0:0:0 sdz 8:0 active ready running\n\n\n" +
+                        std::regex_replace(listing, std::regex("size=16M"), "0.42 | mpatha: load table\n$&");
+    EXPECT_EQ(parse(noisy), kTwoMapsRecords);
+    EXPECT_EQ(parse(std::regex_replace(listing, std::regex("\n"), "\r\n")), kTwoMapsRecords);
+    EXPECT_TRUE(parse("\n\r\n\n").empty());
 }
 
 TEST(DMTopologyParserTest, PathLineFields) {

@@ -23,6 +23,21 @@ mkfifo sysclass/scsi_host/host2/scan sysclass/scsi_host/host3/scan
 : > sysclass/scsi_host/host4/scan; : > sysclass/fc_host/host2/issue_lip
 printf 'Attached devices:\nHost: scsi2 Channel: 00 Id: 00 Lun: 00\n' > proc/scsi/scsi
 )";
+// Two 2.4 hosts: qla2300's entry "2" by name, lpfc's entry by its status file (5).
+const char kProcHosts[] = R"(
+mkdir -p proc/scsi/sg proc/scsi/qla2300 proc/scsi/lpfc/0 sysclass/block
+: > proc/scsi/sg/devices; : > proc/scsi/qla2300/add_map; echo 'QLogic driver' > proc/scsi/qla2300/2
+printf 'Emulex LightPulse\nSCSI host number: 5\n' > proc/scsi/lpfc/0/status
+echo 'Host: scsi2 Channel: 00 Id: 00 Lun: 00' > table
+{ echo 'Attached devices:'; cat table; } > proc/scsi/scsi
+)";
+
+size_t countLines(const std::string& text, const std::string& line) {
+    size_t count = 0;
+    for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++count;
+    return count;
+}
+
 // The stage lives in the build tree; /tmp is replaced inside the namespace.
 class RescanScriptTest : public ::testing::Test {
 protected:
@@ -73,6 +88,22 @@ TEST_F(RescanScriptTest, SysfsNewLunOnSecondPassEndsTheLoop) {
     EXPECT_TRUE(empty("sysclass/fc_host/host3/issue_lip"));
     EXPECT_EQ("", read("err"));
     EXPECT_TRUE(empty("tmp"));  // the /proc/scsi/scsi snapshots are removed
+}
+
+TEST_F(RescanScriptTest, ProcScsiFindsHostsAndAddsEachAddress) {
+    EXPECT_EQ(0, run(std::string(kProcHosts) + "printf '2 0 1 0\\n2 0 1 1\\n' > present"));
+    std::string adds = read("adds.log");
+    // Host 5 (from lpfc's status file) first: LUN 0 of each target only, as nothing answers.
+    EXPECT_EQ(0u, adds.find("5 0 0 0\n5 0 1 0\n5 0 2 0\n"));
+    // Host 2: LUN 0 of target 0 is listed already, so its higher LUNs are tried;
+    // target 1 answers at LUNs 0 and 1 and the LUNs above are still tried.
+    EXPECT_EQ(0u, countLines(adds, "2 0 0 0\n"));
+    EXPECT_NE(std::string::npos, adds.find("2 0 0 7\n2 0 1 0\n2 0 1 1\n2 0 1 2\n"));
+    EXPECT_EQ(77u, countLines(adds, "\n"));
+    EXPECT_EQ("Found new device: Host: scsi2 Channel: 00 Id: 01 Lun: 00\n"
+              "Found new device: Host: scsi2 Channel: 00 Id: 01 Lun: 01\nFound 2 device(s).\n",
+              read("out"));
+    EXPECT_EQ("", read("sleep.log"));
 }
 
 using ::testing::HasSubstr;
