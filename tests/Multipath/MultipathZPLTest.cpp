@@ -1,6 +1,9 @@
-#include "Multipath/MultipathZPL.h"
-
+// The vendor driver: its lunctl commands and answers from a table, and the Linux
+// driver's package query, reconfiguration and WWPN form through fake tools.
 #include <map>
+
+#include "Multipath/MultipathZPL.h"
+#include "Multipath/linux/MultipathZPLLinux.h"
 
 #include "tests/fakes/FakeTools.h"
 
@@ -50,13 +53,11 @@ TEST(MultipathZPLTest, FindDevIdAndPathIdInBothHeaderStyles) {
         {kDevices, "lundev12", nullptr, Lookup::kFound, 12},
         {kDevices, "60050768018101BF2800000000000022", nullptr, Lookup::kFound, 1},
         // "DEV#" is looked for before "Dev#": a "Dev#" block after a "DEV#" block
-        // resolves to the earlier header; a leading "Dev#" block still resolves.
-        {kMixed, "lunA", nullptr, Lookup::kFound, 4},
+        // resolves to the earlier header.
         {kMixed, "lunC", nullptr, Lookup::kFound, 5},
         {kDevices, "lundev9", nullptr, Lookup::kNoName, -1},
         {"Total Devices : 1\nDEVICE NAME: lundev0\n", "lundev0", nullptr, Lookup::kNoAnchor, -1},
         {"DEV#: n/a   DEVICE NAME: lundev0\n", "lundev0", nullptr, Lookup::kNotANumber, -1},
-        {kDevices, "lundev0", "host3", Lookup::kFound, 1},
         {kOlderDevices, "lundev1", "host2", Lookup::kFound, 1},
         {kDevices, "lundev12", "host3", Lookup::kNoAnchor, -1},  // no path on that adapter
     };
@@ -68,16 +69,13 @@ TEST(MultipathZPLTest, FindDevIdAndPathIdInBothHeaderStyles) {
     }
 }
 
-TEST(MultipathZPLTest, PolicyAndStateWordsBySetting) {
-    // Load balancing and round robin are ActionsE2eTest's; every other setting is failover.
-    const std::pair<int32_t, const char*> policies[] = {{4, "fo"}, {0, "fo"}};
-    for (const auto& c : policies) {
-        ScriptedZPL zpl;
-        EXPECT_EQ(RC_OK, zpl.setPolicy(c.first, {"lundev1"})) << c.first;
-        EXPECT_EQ(std::string("lunctl set device 1 policy ") + c.second, zpl.ran.back()) << c.first;
-    }
+// Every setting but load balancing and round robin is failover; any state setting
+// but 0 brings paths online.
+TEST(MultipathZPLTest, FailoverAndOnlineByDefault) {
     ScriptedZPL zpl;
-    EXPECT_EQ(RC_OK, zpl.setState(5, "lundev1", {kHost2}));  // any setting but 0 brings paths online
+    EXPECT_EQ(RC_OK, zpl.setPolicy(4, {"lundev1"}));
+    EXPECT_EQ("lunctl set device 1 policy fo", zpl.ran.back());
+    EXPECT_EQ(RC_OK, zpl.setState(5, "lundev1", {kHost2}));
     EXPECT_EQ("lunctl set device 1 path 1 online", zpl.ran.back());
 }
 
@@ -115,28 +113,75 @@ TEST(MultipathZPLTest, SetStateFailuresAreCollected) {
         EXPECT_EQ(c.failed, zpl.getErrorWWPNs());
         EXPECT_EQ(c.commands, zpl.ran.size());
     }
-    ScriptedZPL invalid;
-    invalid.answers["lunctl query wwpn"] = answer(1, "Invalid argument\n");
-    EXPECT_EQ(RC_ZPL_DEVICE_NOT_FOUND, invalid.setState(kSettingOnline, "lundev1", {kHost2}));
-    EXPECT_EQ(Lines{kHost2}, invalid.getErrorWWPNs());
 }
 
-// Only a good device query is kept: a failed one is asked again at the next lookup.
-TEST(MultipathZPLTest, FailedDeviceQueryIsRetriedAndNotCached) {
-    const struct { CommandResult answer; int32_t id; const char* traced; } cases[] = {
-        {answer(0, kDevices), 12, ""},
-        {answer(1, "", "lunctl: not loaded"), -1, "Failed to get 'lunctl query device': lunctl: not loaded\n"},
-        {answer(0, "No device file found"), -1, "Failed to get 'lunctl query device': No device file found\n"},
+// The one case no fake tool can produce: a command that cannot run at all.
+class UnrunnableZPLLinux : public MultipathZPLLinux {
+protected:
+    CommandResult runWords(const std::vector<std::string>& words) override {
+        CommandResult result;
+        result.cmdLine = words[0];
+        return result;
+    }
+};
+
+TEST(MultipathZPLLinuxTest, GetVersionOutcomes) {
+    const struct { const char* out; int rc; const char* err; const char* version; const char* trace; } cases[] = {
+        {"ZORzpl-1.6.2.0-1\nsecond line\n", 0, "", "ZORzpl-1.6.2.0-1", "ZPL version: ZORzpl-1.6.2.0-1\n"},
+        {"package ZORzpl is not installed\n", 1, "", "",
+         "Error getting ZPL version: package ZORzpl is not installed\\n\n"},  // the output's line feed escaped
+        {"No device file found\n", 0, "", "", "ZPL incorrect version.  ZPL must be at version 1.6.1 or higher"},
     };
     for (const auto& c : cases) {
+        fakes::FakeTools tools{"rpm"};
         fakes::TraceCapture trace;
-        ScriptedZPL zpl;
-        zpl.answers["lunctl query device"] = c.answer;
-        EXPECT_EQ(c.id, zpl.getDevId("lundev12"));
-        EXPECT_EQ(c.id, zpl.getDevId("lundev12"));
-        EXPECT_EQ(c.id < 0 ? 2u : 1u, zpl.ran.size()) << c.traced;
-        EXPECT_THAT(trace.text(), HasSubstr(c.traced));
+        tools.answer("rpm.-q.ZORzpl", c.out, c.rc, c.err);
+        MultipathZPLLinux zpl;
+        EXPECT_EQ(c.version, zpl.getVersion()) << c.out;
+        EXPECT_THAT(trace.text(), HasSubstr(c.trace));
     }
+}
+
+TEST(MultipathZPLLinuxTest, ReconfigurationResults) {
+    const std::pair<int, int32_t> cases[] = {{0, RC_OK}, {4, RC_DRIVER_CMD_FAILED}};
+    for (const auto& c : cases) {
+        fakes::FakeTools tools{"cfglundev"};
+        tools.answer("cfglundev", "", c.first, "no configuration\n");
+        EXPECT_EQ(c.second, MultipathZPLLinux().performDynamicReconfiguration());
+        EXPECT_EQ(Lines{""}, tools.calls("cfglundev"));
+    }
+    fakes::LogCapture log;
+    EXPECT_EQ(RC_RECONFIG_NOT_RUN, UnrunnableZPLLinux().performDynamicReconfiguration());
+    EXPECT_EQ("", UnrunnableZPLLinux().getVersion());
+    EXPECT_THAT(log.text(), HasSubstr("STA0356E"));
+}
+
+TEST(MultipathZPLLinuxTest, FormatWwpnWithColons) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"1234567890abcdef", "12:34:56:78:90:ab:cd:ef"}, {"1234567890abcde", "12:34:56:78:90:ab:cd:e"},
+        // Only the pair at 14 follows: extra characters are dropped.
+        {"1234567890abcdef01", "12:34:56:78:90:ab:cd:ef"}, {"1234567890abc", ""}, {"", ""},
+    };
+    MultipathZPLLinux zpl;
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.second, zpl.formatWWPN(c.first)) << c.first;
+        EXPECT_EQ(*c.second != '\0', zpl.canFormatWWPN(c.first)) << c.first;
+    }
+}
+
+// A WWPN lunctl cannot be asked about stops the change after the paths before it, and
+// is not reported as a failed path.
+TEST(MultipathZPLLinuxTest, ShortWwpnStopsTheStateChange) {
+    fakes::FakeTools tools{"lunctl"};
+    tools.answer("lunctl.query.device", kDevices);
+    tools.answer("lunctl.query.wwpn", kWwpns);
+    fakes::LogCapture log;
+    MultipathZPLLinux zpl;
+    EXPECT_EQ(RC_DRIVER_CMD_FAILED,
+              zpl.setState(kSettingOnline, "lundev2", {"10000000c95a3b11", "10000000c9", "10000000c95a3b10"}));
+    EXPECT_EQ((Lines{"query device", "query wwpn", "set device 2 path 1 online"}), tools.calls("lunctl"));
+    EXPECT_TRUE(zpl.getErrorWWPNs().empty());
+    EXPECT_EQ("", log.text());
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
+// The request's validation and actions, and the line a failed run shows on a terminal.
 #include "PathPlanner/ExecPathPlanner.h"
 
+#include "PathPlanner/ExitLine.h"
 #include "PathPlanner/PPlannerDriver.h"
 #include "tests/fakes/FakeTools.h"
 
@@ -16,16 +18,8 @@ public:
     MOCK_METHOD(std::unique_ptr<WalkTheBus>, getWalkTheBusVehicle, (), (override));
 };
 
-class ExecPathPlannerTest : public ::testing::Test {
-protected:
-    // The planner hands out this driver at its next call.
-    static void plan(MockPlannerDriver* planner, std::unique_ptr<MultipathDriver> driver) {
-        EXPECT_CALL(*planner, getMultipathDriver()).WillOnce(Return(ByMove(std::move(driver))));
-    }
-};
-
 // A refused request stores nothing; only the option that is not a number is logged.
-TEST_F(ExecPathPlannerTest, ValidateArgsStoresOrRefusesTheRequest) {
+TEST(ExecPathPlannerTest, ValidateArgsStoresOrRefusesTheRequest) {
     const struct { Lines tokens; int32_t rc; MultipathRequest stored; const char* trace; const char* message; } cases[] = {
         {{"2", "dev1"}, RC_OK, {2, {"dev1"}, {}}, "Multipath Policy Change Action\n", ""},
         {{"0", "dev1", "w1", "w2"}, RC_OK, {0, {"dev1"}, {"w1", "w2"}}, "Multipath State Change Action\n", ""},
@@ -52,12 +46,28 @@ TEST_F(ExecPathPlannerTest, ValidateArgsStoresOrRefusesTheRequest) {
 }
 
 // The policy change is RunFlowE2eTest's.
-TEST_F(ExecPathPlannerTest, StateChangeWithoutDriverReturnsNoDriver) {
+TEST(ExecPathPlannerTest, StateChangeWithoutDriverReturnsNoDriver) {
     fakes::LogCapture log;
     MockPlannerDriver planner;
-    plan(&planner, nullptr);
+    EXPECT_CALL(planner, getMultipathDriver()).WillOnce(Return(ByMove(std::unique_ptr<MultipathDriver>())));
     EXPECT_EQ(RC_NO_MULTIPATH_DRIVER, runRequestedAction(&planner, {kSettingOffline, {"dev1"}, {"w1"}}));
     EXPECT_THAT(log.text(), HasSubstr("AGT0456E"));
+}
+
+TEST(ExitLineTest, EveryStatusReadsAsASentence) {
+    const struct { int32_t rc; bool afterRescan; const char* reason; const char* line; } cases[] = {
+        {0, true, "ignored", ""},
+        {1, false, "", "PathPlanner failed with exit status 1 (out of memory at start)"},
+        // After a rescan 1 and 2 are the script's answers, not a lack of memory.
+        {2, true, "", "PathPlanner failed with exit status 2 (the rescan script failed)"},
+        {-1, true, "", "PathPlanner failed with exit status 255 (the rescan script could not be run)"},
+        {173, true, "x", "PathPlanner failed with exit status 173 (a multipath driver command could not be run or "
+                         "failed): x"},
+        {42, false, "", "PathPlanner failed with exit status 42 (the multipath driver reported this failure)"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.line, exitLine(c.rc, c.afterRescan, c.reason)) << c.rc << " after rescan " << c.afterRescan;
+    }
 }
 
 }  // namespace

@@ -1,17 +1,14 @@
-#include "Multipath/linux/DMTopologyParser.h"
-
-#include <algorithm>
-#include <random>
+// The two readers of "multipath -ll -v2": the flat path records and the nested map view.
 #include <regex>
 #include <sstream>
-#include <tuple>
 
+#include "Multipath/linux/DMMapView.h"
+#include "Multipath/linux/DMTopologyParser.h"
 #include "tests/fakes/FakeTools.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-using ::testing::HasSubstr;
 
 std::string fixture(const std::string& name) { return testfiles::testData("Multipath/linux/data/" + name); }
 
@@ -68,17 +65,23 @@ TEST(DMTopologyParserTest, BracketedListingGivesEveryPath) {
                      "sdc 0:0:1:1 mode=failed state=faulty policy=round-robin disk=mpath1 group=1 preferred"}));
 }
 
+TEST(DMTopologyParserTest, NoiseAroundTheListingIsIgnored) {
+    const std::string listing = fixture("multipath-ll-v2.two-maps.stdout");
+    std::string noisy = "Jan 01 00:00:00 | sda: checker msg is \"directio checker reports path is up\"\n"
+                        "multipathd: 8:16: reinstated\n# comment |- 0:0:0:0 sdz 8:0 active ready running\n\n\n" +
+                        std::regex_replace(listing, std::regex("size=16M"), "0.42 | mpatha: load table\n$&");
+    EXPECT_EQ(parse(noisy), kTwoMapsRecords);
+    EXPECT_EQ(parse(std::regex_replace(listing, std::regex("\n"), "\r\n")), kTwoMapsRecords);
+    EXPECT_TRUE(parse("\n\r\n\n").empty());
+}
+
 TEST(DMTopologyParserTest, PathLineFields) {
     const char* cases[][2] = {  // line, record ("": none)
         // Numbers are read without the C library, but as it would read them: in hex, cut to 16 bits.
         {"  `- 1a:0:0:10 sda 8:0 active ready running", "sda 26:0:0:16 mode=running state=ready"},
         {"  `- 0:0:0:10000 sda 8:0 active ready running", "sda 0:0:0:0 mode=running state=ready"},
-        {"  `- 0x1f:0:0X10:0 sda 8:0 active ready running", "sda 31:0:16:0 mode=running state=ready"},
         {"  `- 0:0:0:0 sda 8:0 failed faulty offline", "sda 0:0:0:0 mode=offline state=faulty"},
-        {"  `- 0:0:0:0 sda 8:0 ready active", "sda 0:0:0:0 mode=active state=ready"},
-        {" \\_ 2:0:0:1 sdb 8:16  [ready ][active]", "sdb 2:0:0:1 mode=active state=ready"},
         {"  `- 0:0:0:0 - 8:0 active faulty running", ""},
-        {"  `- #:#:#:# sda 8:0 active ready running", ""},
     };
     for (const auto& c : cases) {
         Lines records = parse(std::string("m (0123456789abcdef)\n`-+- policy='rr 0' prio=1 status=active\n") + c[0]);
@@ -118,7 +121,6 @@ std::string mapWithGroups(const std::string& name, const std::string& secondPrio
 TEST(DMTopologyParserTest, BestGroupIsPathsTimesPriority) {
     const std::string prio50 = mapWithGroups("mpatha", "50", "sda", "sdb");
     const struct { const char* label; std::string listing; const char* preferred; } cases[] = {
-        {"tie keeps the earlier group", bracketed("2:p 1:pp"), "sda"},
         {"more paths outweigh a higher priority", bracketed("2:p 1:ppp"), "sdb sdc sdd"},
         {"first group weighs 1000", bracketed("999:p first:p"), "sdb"},
         // The same name twice keeps one set of weights: the later group 2 (prio 1)
@@ -135,56 +137,115 @@ TEST(DMTopologyParserTest, BestGroupIsPathsTimesPriority) {
     }
 }
 
-TEST(DMTopologyParserTest, MapWithoutGroupsGivesGroupZero) {
-    EXPECT_EQ(parse("mpatha (333333330000007d0) dm-0\n  `- 0:0:0:0 sda 8:0 active ready running\n"),
-              Lines{"sda 0:0:0:0 mode=running state=ready policy= disk=mpatha group=0"});
-}
-
-TEST(DMTopologyParserTest, NoiseAroundTheListingIsIgnored) {
-    const std::string listing = fixture("multipath-ll-v2.two-maps.stdout");
-    std::string noisy = "Jan 01 00:00:00 | sda: checker msg is \"directio checker reports path is up\"\n"
-                        "multipathd: 8:16: reinstated\n# comment |- 0:0:0:0 sdz 8:0 active ready running\n\n\n" +
-                        std::regex_replace(listing, std::regex("size=16M"), "0.42 | mpatha: load table\n$&");
-    EXPECT_EQ(parse(noisy), kTwoMapsRecords);
-    EXPECT_EQ(parse(std::regex_replace(listing, std::regex("\n"), "\r\n")), kTwoMapsRecords);
-    EXPECT_TRUE(parse("\n\r\n\n").empty());
-}
-
-// Every prefix of the real listing parses, and the paths it yields keep their
-// address, map and group.
-TEST(DMTopologyParserTest, TruncatedAtEveryByte) {
-    std::string listing = fixture("multipath-ll-v2.two-maps.stdout");
-    Topology whole = topologyOf(listing);
-    auto key = [](const PathRecord& r) { return std::make_tuple(r.host, r.channel, r.lun, r.disk, r.group); };
-    for (size_t cut = 0; cut <= listing.size(); ++cut) {
-        for (const auto& entry : topologyOf(std::string_view(listing).substr(0, cut))) {
-            EXPECT_EQ(key(*entry.second), key(*whole.at(entry.first))) << cut;
-        }
-    }
-}
-
 // The queueing and plain tables of the real tool are TopologyE2eTest's.
 TEST(DMTopologyParserTest, TableQueuesOnFirstLineOnly) {
     EXPECT_TRUE(dmTableQueues("0 1 multipath 1 queue_if_no_path 0 1 1 round-robin 0 1 1 8:0 1000\n"));
     EXPECT_FALSE(dmTableQueues("\n0 1 multipath 1 queue_if_no_path 0 1 1 round-robin 0 1 1 8:0 1000\n"));
 }
 
-// Map names are numbered in a table and records placed in their map by hint: neither
-// may depend on the order the maps are listed in.
-TEST(DMTopologyParserTest, RecordsDoNotDependOnListingOrder) {
-    std::vector<std::string> maps;
-    for (int i = 0; i < 300; ++i) {
-        const std::string n = std::to_string(i);
-        maps.push_back(mapWithGroups("mpath" + n, std::to_string(i % 7 * 10), "sd" + n + "x", "sd" + n));
+std::string text(const std::optional<std::string>& value) { return value ? *value : "null"; }
+
+// The whole view as lines (map, then its groups, then their paths), so a table of
+// expectations reads like the listing.
+Lines describe(const std::vector<DmViewMap>& maps) {
+    Lines lines;
+    for (const DmViewMap& m : maps) {
+        lines.push_back(m.name + " wwid=" + text(m.wwid) + " dm=" + text(m.dm) + " vendor=" + text(m.vendor) +
+                        " product=" + text(m.product) + " size=" + text(m.size) + " features=" + text(m.features) +
+                        " queueing=" + (m.queueing ? (*m.queueing ? "true" : "false") : "null") +
+                        " hwhandler=" + text(m.hwhandler));
+        for (const DmViewGroup& g : m.groups) {
+            lines.push_back(" " + std::to_string(g.number) + " policy=" + text(g.policy) +
+                            " prio=" + (g.priority ? std::to_string(*g.priority) : "null") +
+                            " status=" + text(g.status) + (g.preferred ? " preferred" : ""));
+            for (const DmViewPath& p : g.paths) {
+                lines.push_back("  " + p.device + " " + p.devt + " " + std::to_string(p.host) + ":" +
+                                std::to_string(p.channel) + ":" + std::to_string(p.target) + ":" +
+                                std::to_string(p.lun) + " " + text(p.dmState) + " " + text(p.checkerState) + " " +
+                                text(p.deviceState));
+            }
+        }
     }
-    std::string inOrder;
-    for (const std::string& map : maps) inOrder += map;
-    const Lines expected = parse(inOrder);
-    ASSERT_EQ(expected.size(), 600u);
-    std::shuffle(maps.begin(), maps.end(), std::mt19937(7));
-    std::string shuffled;
-    for (const std::string& map : maps) shuffled += map;
-    EXPECT_EQ(parse(shuffled), expected);
+    return lines;
+}
+
+Lines view(const std::string& listing) { return describe(dmParseMapView(listing)); }
+
+const Lines kTwoMaps = {
+    "mpatha wwid=333333330000007d0 dm=dm-0 vendor=Linux product=scsi_debug size=16M features=0 queueing=false "
+    "hwhandler=1 alua",
+    " 1 policy=service-time 0 prio=50 status=active preferred",
+    "  sda 8:0 0:0:0:0 active ready running",
+    " 2 policy=service-time 0 prio=10 status=enabled",
+    "  sdc 8:32 1:0:0:0 active ready running",
+    "mpathb wwid=333333330000007d1 dm=dm-1 vendor=Linux product=scsi_debug size=16M features=0 queueing=false "
+    "hwhandler=1 alua",
+    " 1 policy=service-time 0 prio=50 status=active preferred",
+    "  sdb 8:16 0:0:0:1 active ready running",
+    " 2 policy=service-time 0 prio=10 status=enabled",
+    "  sdd 8:48 1:0:0:1 active ready running",
+};
+
+TEST(DMMapViewTest, ReadsRealTreeListing) {
+    EXPECT_EQ(view(fixture("multipath-ll-v2.two-maps.stdout")), kTwoMaps);
+    Lines queueing = view(fixture("multipath-ll-v2.queueing.stdout"));
+    ASSERT_EQ(queueing.size(), kTwoMaps.size());
+    EXPECT_EQ(queueing[0],
+              "mpatha wwid=333333330000007d0 dm=dm-0 vendor=Linux product=scsi_debug size=16M "
+              "features=1 queue_if_no_path queueing=true hwhandler=1 alua");
+}
+
+// One path offlined in sysfs, another failed through multipathd: the preferred group
+// stays the one of highest priority even though the kernel now uses the other.
+TEST(DMMapViewTest, ReadsRealListingWithFailedPaths) {
+    Lines lines = view(fixture("multipath-ll-v2.failed-paths.stdout"));
+    ASSERT_EQ(lines.size(), 10u);
+    EXPECT_EQ(lines[1], " 1 policy=service-time 0 prio=0 status=enabled");
+    EXPECT_EQ(lines[2], "  sda 8:0 0:0:0:0 failed faulty offline");
+    EXPECT_EQ(lines[3], " 2 policy=service-time 0 prio=10 status=active preferred");
+    EXPECT_EQ(lines[8], " 2 policy=service-time 0 prio=10 status=active");
+    EXPECT_EQ(lines[7], "  sdb 8:16 0:0:0:1 failed ready running");
+}
+
+// The oldest layout has no dm name or model, no priorities, and the checker state first.
+TEST(DMMapViewTest, ReadsTheOldestBracketedListing) {
+    EXPECT_EQ(view(fixture("multipath-ll-v2.bracketed-0.4.5.stdout")),
+              (Lines{"mpath1 wwid=3600508b4000156d700012000000b0000 dm=null vendor=null product=null size=5 GB "
+                     "features=1 queue_if_no_path queueing=true hwhandler=0",
+                     " 1 policy=round-robin 0 prio=null status=active preferred",
+                     "  sda 8:0 0:0:0:1 active ready null",
+                     "  sdb 8:16 1:0:0:1 active ready null",
+                     " 2 policy=round-robin 0 prio=null status=enabled",
+                     "  sdc 8:32 0:0:1:1 failed faulty null"}));
+}
+
+// The kernel prints the address in decimal; host 10 is host 10 here, and a host
+// number beyond 32 bits is no path.
+TEST(DMMapViewTest, ReadsAddressesInDecimal) {
+    const std::string map = "m (0123456789ab) dm-0 V,P\n`-+- policy='x' prio=1 status=active\n";
+    EXPECT_EQ(view(map + "`- 10:0:3:255 sdq 65:0 active ready running").back(),
+              "  sdq 65:0 10:0:3:255 active ready running");
+    EXPECT_EQ(view(map + "`- 4294967296:0:0:0 sds 1:1 active ready running").size(), 2u);
+}
+
+TEST(DMMapViewTest, NormalizesWwpns) {
+    const std::pair<const char*, const char*> cases[] = {  // text, WWPN ("": refused)
+        {"21000024ff123456", "21000024ff123456"}, {" 0x21:00:00:24:FF:12:34:56 ", "21000024ff123456"},
+        {"", ""}, {"0x", ""}, {"21000024ff12345", ""}, {"21000024ff1234567", ""}, {"21000024ff12345g", ""},
+        {"0x0x21000024ff123456", ""}, {"21 00 00 24 ff 12 34 56", ""}, {"-21000024ff12345", ""},
+    };
+    for (const auto& c : cases) {
+        std::string wwpn = "untouched";
+        EXPECT_EQ(dmNormalizeWwpn(c.first, &wwpn), *c.second != '\0') << c.first;
+        EXPECT_EQ(wwpn, *c.second ? c.second : "untouched") << c.first;
+    }
+}
+
+TEST(DMMapViewTest, SafeNamesAreWordsOnly) {
+    for (const char* name : {"sda", "mpatha", "dm-0", "360a98000_x.y:z", "nvme0n1"}) EXPECT_TRUE(dmSafeName(name)) << name;
+    for (const char* name : {"", "-f", "sd a", "sda;reboot", "$(id)", "a/b", "sd\na", "sda'", "\xc3\xa9"}) {
+        EXPECT_FALSE(dmSafeName(name)) << name;
+    }
 }
 
 }  // namespace

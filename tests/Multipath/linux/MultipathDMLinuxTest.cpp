@@ -41,7 +41,6 @@ TEST_F(MultipathDMLinuxTest, VersionFromPackageQuery) {
     const char* cases[][5] = {  // packages listed, what "rpm -q" says and on stderr, version, trace
         {"bash\nmultipath-tools-0.9.4-3\n", "multipath-tools-0.9.4-3\nsecond\n", "", "multipath-tools-0.9.4-3",
          "multipath driver version: multipath-tools-0.9.4-3\n"},
-        {"bash\nlibc6\n", "bash\n", "", "", "multipath driver version: <NULL>\n"},
         {"multipath-tools\n", "package multipath-tools is not installed\n", "", "",
          "No multipath tools version installed.\n"},
         {"multipath-tools-0.9.4-3\n", "multipath-tools-0.9.4-3\n", "warning: rpmdb is locked\n", "",
@@ -51,14 +50,9 @@ TEST_F(MultipathDMLinuxTest, VersionFromPackageQuery) {
         fakes::TraceCapture trace;
         tools.answer("rpm.-qa", c[0]);
         tools.answer("rpm", c[1], 0, c[2]);
-        const size_t before = tools.calls("rpm").size();
         MultipathDMLinux driver(tools.dir());
         EXPECT_EQ(driver.getVersion(), c[3]) << c[0];
         EXPECT_THAT(trace.text(), HasSubstr(c[4])) << c[0];
-        // Only a version is cached: without one the next call asks rpm again.
-        EXPECT_EQ(driver.getVersion(), c[3]) << c[0];
-        const Lines calls = tools.calls("rpm");
-        EXPECT_EQ(std::count(calls.begin() + before, calls.end(), "-qa"), *c[3] ? 1 : 2) << c[0];
     }
 }
 

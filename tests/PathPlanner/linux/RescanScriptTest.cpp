@@ -1,12 +1,16 @@
 // Runs the rescan script in a private mount namespace with fake /proc, /sys/class
 // and /tmp trees, a sleep that does not wait, and fakes that play the kernel.
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
 #include "PathPlanner/linux/WalkTheBusLinux.h"
-#include "gtest/gtest.h"
-#include "tests/support/TestFiles.h"
+#include "tests/fakes/FakeTools.h"
 
 namespace {
 
@@ -100,6 +104,43 @@ TEST_F(RescanScriptTest, ProcScsiFindsHostsAndAddsEachAddress) {
               "Found new device: Host: scsi2 Channel: 00 Id: 01 Lun: 01\nFound 2 device(s).\n",
               read("out"));
     EXPECT_EQ("", read("sleep.log"));
+}
+
+using ::testing::HasSubstr;
+
+class WalkTheBusLinuxTest : public ::testing::Test {
+protected:
+    void TearDown() override { unlink(path_.c_str()); }
+    // A vehicle without a driver whose pauses are only recorded.
+    std::unique_ptr<WalkTheBusLinux> vehicle(const std::string& script) {
+        Sleeper sleeper = [this](uint32_t seconds) { sleeps_.push_back(seconds); };
+        return std::make_unique<WalkTheBusLinux>(nullptr, sleeper, script);
+    }
+    const std::string path_ = "/tmp/rescanScript" + std::to_string(getpid());
+    std::vector<uint32_t> sleeps_;
+};
+
+TEST_F(WalkTheBusLinuxTest, NameThatCannotBeFreedEndsTheWalk) {
+    ASSERT_EQ(0, mkdir(path_.c_str(), 0777));  // unlink cannot remove a directory
+    fakes::TraceCapture trace;
+    EXPECT_EQ(RC_CANCELLED, vehicle("echo must not run")->walkTheBus());
+    rmdir(path_.c_str());
+    EXPECT_THAT(trace.text(), HasSubstr("writeScript() Unable to create rescan script.\n"));
+    EXPECT_TRUE(sleeps_.empty());
+}
+
+TEST_F(WalkTheBusLinuxTest, FailedWriteRemovesScript) {
+    // A file-size limit below the script's length makes the write fail part-way;
+    // the limit is set in the death test's child only.
+    auto writeUnderLimit = [this]() {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit;
+        limit.rlim_cur = limit.rlim_max = 100;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        std::unique_ptr<WalkTheBusLinux> walker = vehicle(std::string(4096, '#'));  // named after the child's id
+        return walker->writeScript() == RC_CANCELLED && access(walker->scriptPath().c_str(), F_OK) != 0 ? 0 : 1;
+    };
+    EXPECT_EXIT(_exit(writeUnderLimit()), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
