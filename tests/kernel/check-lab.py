@@ -118,13 +118,9 @@ def path_switch():
           all((p["dm"] == "failed") == (d in port0) for d, p in later.items()), later)
 
     check("--online exit 0", status("online") == 0)
+    # What the activity log says of each change and of the refusal is TopologyE2eTest's: it does not
+    # depend on the kernel. The log is still shown above for whoever reads a failed run.
     check("--online brings every path back", all(p["dm"] == "active" for p in shown_paths("paths-after").values()))
-    log = read("activity", "log")
-    for dev in port0:
-        check(f"log: {dev} offline and online",
-              re.search(rf"AGT0470I User root set the path {dev} of", log) is not None and
-              re.search(rf"AGT0471I User root set the path {dev} of", log) is not None)
-    check("log: the refusal", "AGT0473W" in log)
 
 
 def queueing():
