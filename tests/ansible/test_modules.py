@@ -91,7 +91,6 @@ class TopologyTest(ModuleRun):
              ['failed: sdc (mpatha): multipathd: fail', '1 of 2 paths did not change']),
             ('change', '', 2, 'PathPlannerTopology: no adapter port has the WWPN 10000000c95a3b10\n',
              ['exited with 2', 'no adapter port has the WWPN']),
-            ('change', 'not json', 0, '', ['output is not JSON']),
             ('json', '', 1, 'PathPlannerTopology: no device-mapper multipath driver\n', ['no device-mapper multipath driver']),
             ('json', '[]', 0, '', ['expected a version 2 topology object']),
         ]
@@ -113,15 +112,14 @@ import pathplanner_common  # noqa: E402  (standard library only)
 class LogSnapshotTest(unittest.TestCase):
     """The run's own entries, however the log series moved while it ran."""
 
+    # Entries appended to the one log are AnsibleE2eTest's, whose runs write a fresh log.
     def test_entries_of_the_run(self):
         old = 'd t AGT0430I earlier run\n'
         cases = [
             # name: (files before, files after, entries of the run)
-            ('appended', {'multipath.log': old}, {'multipath.log': old + 'd t AGT0429I new\n'}, ['d t AGT0429I new']),
             ('numbered file started', {'multipath_000001.log': old},
              {'multipath_000001.log': old, 'multipath_000002.log': 'd t AGT0456E none\n'}, ['d t AGT0456E none']),
             ('log rotated away', {'multipath.log': old + old}, {'multipath.log': 'd t A\n'}, ['d t A']),
-            ('other files ignored', {}, {'multipath.trace': 'x\n', 'multipath_1.log': 'y\n', 'multipath.log.1': 'z\n'}, []),
         ]
         def write(log_dir, files):
             for file, text in files.items():
@@ -164,7 +162,6 @@ class PlannerCheckModeTest(ModuleRun):
             ('pathplanner_topology', {'state': 'offline'}, 'wwpn'),
             ('pathplanner', {'action': 'policy', 'policy': 'failover'}, 'needs devices'),
             ('pathplanner', {'action': 'policy', 'policy': 'failover', 'devices': ['a;5']}, 'without ";"'),
-            ('pathplanner', {'action': 'path_state', 'state': 'offline', 'device': 'd', 'wwpns': ['']}, 'non-empty'),
         ]
         for module, params, expected in cases:
             with self.subTest(module=module, params=params):

@@ -43,18 +43,15 @@ inline std::string rpmBody(bool vendor, bool dm) {
 // Where multipath (dm) keeps the job file it saw, beside the harness's other trees.
 inline std::string jobSeenBy(NamespaceHarness* host) { return host->makeHostDir("seen") + "/job"; }
 
-// The drivers' commands that change something exit with setStatus. lunctl answers its
-// two queries from the captured listings; multipath keeps the job file it saw.
-inline void installDrivers(NamespaceHarness* host, bool vendor, bool dm, int setStatus = 0) {
-    const std::string status = std::to_string(setStatus);
+// lunctl answers its two queries from the captured listings and accepts every change;
+// multipath keeps the job file it saw.
+inline void installDrivers(NamespaceHarness* host, bool vendor, bool dm) {
     host->addFakeTool("rpm", rpmBody(vendor, dm));
     if (vendor) {
-        host->addFakeTool("lunctl", "case \"$1\" in\n  query) cat '" PP_TESTS_ROOT
-                                    "/Multipath/data/lunctl-query-'\"$2\"'.txt' ;;\n  set) exit " + status + " ;;\nesac");
+        host->addFakeTool("lunctl", "[ \"$1\" = set ] || cat '" PP_TESTS_ROOT "/Multipath/data/lunctl-query-'\"$2\"'.txt'");
     }
     if (dm) {
-        host->addFakeTool("multipath", "cat /opt/ZOR/QLX/agent/log/*.jobinfo > " + jobSeenBy(host) +
-                                           "\necho 'policy error' >&2\nexit " + status);
+        host->addFakeTool("multipath", "cat /opt/ZOR/QLX/agent/log/*.jobinfo > " + jobSeenBy(host));
     } else {
         host->hideSbinTool("multipath");
     }

@@ -61,7 +61,7 @@ std::string RunResult::describe() const {
 }
 
 NamespaceHarness::NamespaceHarness() {
-    for (const char* dir : {"QLX/agent/log", "fakes", "calls", "answers"}) fs::create_directories(root_.file(dir));
+    for (const char* dir : {"QLX/agent/log", "fakes", "calls"}) fs::create_directories(root_.file(dir));
     std::error_code ignored;
     for (const char* dir : {"/bin", "/nls"}) fs::create_directory_symlink(kPrefixAgent + dir, agentDir() + dir, ignored);
     // Where /proc is overlaid the program would not find its own /proc/<pid> (the leak
@@ -83,10 +83,7 @@ void NamespaceHarness::addFakeTool(const std::string& name, const std::string& b
 
 void NamespaceHarness::addAnsweringTool(const std::string& name, const std::string& out, int status,
                                         const std::string& err) {
-    const std::string base = root_.file("answers/" + name);
-    testfiles::writeFile(base + ".out", out);
-    testfiles::writeFile(base + ".err", err);
-    addFakeTool(name, "cat " + shellQuote(base + ".out") + "\ncat " + shellQuote(base + ".err") + " >&2\nexit " +
+    addFakeTool(name, "printf %s " + shellQuote(out) + "\nprintf %s " + shellQuote(err) + " >&2\nexit " +
                           std::to_string(status));
 }
 

@@ -32,7 +32,6 @@ TEST_F(RunFlowE2eTest, EachRequestEndsWithItsStatus) {
         {{"-version"}, 0, "AGT0429I", true, "5.2.8.0\n", ""},
         // "-multipath" is not allowed after "-version"; the version still prints.
         {{"-version", "-multipath", "5"}, 3, "AGT0412E", false, "5.2.8.0\n"},
-        {{"-bogus", "1"}, 3, "AGT0412E", false, ""},
         {{"-multipath", "abc"}, 3, "AGT0398E", true, "", "AGT0398E 'abc' is not a valid multipath option."},
         {{"-multipath", "9;dev1"}, 5, "/opt/ZOR/QLX/agent/bin/PathPlanner -multipath 9;dev1", true, "",
          "the setting given is 9"},
@@ -67,34 +66,31 @@ TEST_F(RunFlowE2eTest, EachRequestEndsWithItsStatus) {
     }
 }
 
-TEST_F(RunFlowE2eTest, NoInstallationDirectoryExits59WithoutStartMessage) {
-    NamespaceHarness host;
-    host.hideInstallation();
-    RunResult r = host.run({"-multipath", "5"});
-    EXPECT_EQ(59, r.exitStatus) << r.describe();
-    EXPECT_THAT(r.out + r.err, Not(HasSubstr("AGT0429I")));
-}
-
-TEST_F(RunFlowE2eTest, CatalogueThatCannotStartExits72) {
-    NamespaceHarness host;
-    // The installation has its nls directory, but no catalogue in it.
-    std::filesystem::remove(host.agentDir() + "/nls");
-    std::filesystem::create_directory(host.agentDir() + "/nls");
-    RunResult r = host.run({"-multipath", "3;mpatha"});
-    EXPECT_EQ(72, r.exitStatus) << r.describe();
-    EXPECT_THAT(host.listAgentDir("log"), Not(::testing::Contains(::testing::EndsWith(".jobinfo"))));
-}
-
-TEST_F(RunFlowE2eTest, TraceThatCannotStartExits30AfterTheStartMessage) {
-    NamespaceHarness host;
-    // A directory where the trace file should be: the trace cannot be opened.
-    std::filesystem::create_directory(host.agentDir() + "/log/multipath.trace");
-    RunResult r = host.run({"-debug", "MIN", "-multipath", "3;mpatha"});
-    EXPECT_EQ(30, r.exitStatus) << r.describe();
-    const std::string log = host.readAgentFile("log/multipath.log");
-    EXPECT_THAT(log, HasSubstr("AGT0429I"));
-    EXPECT_THAT(log, HasSubstr("AGT0430I"));
-    EXPECT_THAT(log, Not(HasSubstr("AGT0458I")));
+// Set-up that fails: no installation, a catalogue directory without the catalogue, a
+// directory where the trace file goes. Only the trace fails after the start message;
+// none of them gets as far as the request or leaves a job file.
+TEST_F(RunFlowE2eTest, SetUpFailuresExitWithTheirStatus) {
+    const struct {
+        const char* emptied;  // made an empty directory; nullptr: the installation is hidden
+        int exitStatus;
+        bool started;
+    } cases[] = {{nullptr, 59, false}, {"nls", 72, false}, {"log/multipath.trace", 30, true}};
+    for (const auto& c : cases) {
+        NamespaceHarness host;
+        if (c.emptied) {
+            std::filesystem::remove(host.agentDir() + "/" + c.emptied);
+            std::filesystem::create_directory(host.agentDir() + "/" + c.emptied);
+        } else {
+            host.hideInstallation();
+        }
+        RunResult r = host.run({"-debug", "MIN", "-multipath", "3;mpatha"});
+        EXPECT_EQ(c.exitStatus, r.exitStatus) << r.describe();
+        const std::string log = host.readAgentFile("log/multipath.log");
+        EXPECT_EQ(c.started, (r.out + r.err + log).find("AGT0429I") != std::string::npos) << c.exitStatus << log;
+        EXPECT_EQ(c.started, log.find("AGT0430I") != std::string::npos) << c.exitStatus << log;
+        EXPECT_THAT(r.out + r.err + log, Not(HasSubstr("AGT0458I"))) << c.exitStatus;
+        EXPECT_THAT(host.listAgentDir("log"), Not(::testing::Contains(EndsWith(".jobinfo")))) << c.exitStatus;
+    }
 }
 
 }  // namespace

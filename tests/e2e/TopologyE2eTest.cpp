@@ -23,14 +23,13 @@ void installRpm(NamespaceHarness* host, const std::string& packages) {
                                  packages + "' ;;\n-q) printf '%s\\n' \"$2\" ;;\nesac");
 }
 
-// Empty when text is JSON, conforming to schema/<schema> when one is named; else python's complaint.
-std::string jsonProblem(const std::string& text, const std::string& schema = "") {
+// Empty when text is JSON conforming to schema/<schema>; else python's complaint.
+std::string jsonProblem(const std::string& text, const std::string& schema) {
     testfiles::TempDir dir;
     testfiles::writeFile(dir.file("doc.json"), text);
-    std::string args = dir.file("doc.json");
-    if (!schema.empty()) args += " " PP_SOURCE_DIR "/schema/" + schema;
-    const char check[] = "import json, sys\ndoc = json.load(open(sys.argv[1]))\nif len(sys.argv) > 2:\n"
-                         "    import jsonschema\n    jsonschema.Draft202012Validator(json.load(open(sys.argv[2]))).validate(doc)\n";
+    const char check[] = "import json, jsonschema, sys\njsonschema.Draft202012Validator(json.load(open(sys.argv[2])))"
+                         ".validate(json.load(open(sys.argv[1])))\n";
+    const std::string args = dir.file("doc.json") + " " PP_SOURCE_DIR "/schema/" + schema;
     FILE* pipe = popen(("python3 -c " + shellQuote(check) + " " + args + " 2>&1").c_str(), "r");
     std::string said;
     char buf[512];
@@ -39,47 +38,23 @@ std::string jsonProblem(const std::string& text, const std::string& schema = "")
 }
 
 // One host per test; run() runs PathPlannerTopology there.
-class TopologyHost : public E2eTest {
+class TopologyE2eTest : public E2eTest {
 protected:
     RunResult run(const Lines& args) { return host.run(args, "PathPlannerTopology"); }
-    NamespaceHarness host;
-};
-
-class TopologyE2eTest : public TopologyHost {
-protected:
     void installDriver(const std::string& listing = fixture("multipath-ll-v2.two-maps.stdout")) {
         installRpm(&host, kWithTools);
         host.addAnsweringTool("multipath", listing);
     }
+    NamespaceHarness host;
 };
 
-// With no maps, both listings succeed with a fixed answer.
-TEST_F(TopologyE2eTest, FixedAnswers) {
-    const std::pair<Lines, const char*> cases[] = {
-        {{"--records"}, "[]\n"},
-        {{}, "{\"version\":2,\"driver\":\"Device Mapper Multipath Version 0.9.4-3\",\"maps\":[]}\n"},
-    };
+// An empty listing that exits 0 is a host without maps, not a failure. The records
+// form of it is TopologyFormatTest.JsonArrayInDeviceOrder's.
+TEST_F(TopologyE2eTest, EmptyListingIsNoMaps) {
     installDriver("");
-    for (const auto& [args, out] : cases) {
-        RunResult r = run(args);
-        EXPECT_EQ(r.exitStatus, 0) << r.describe();
-        EXPECT_EQ(r.out, out);
-    }
-}
-
-// How each field is escaped and read is TopologyFormatTest's and DMTopologyParserTest's;
-// here both outputs of the installed tool stay valid JSON.
-TEST_F(TopologyE2eTest, HostileListingStillGivesValidJson) {
-    installDriver("m\"x\\ (0123456789abcdef)\r\n`-+- policy='se\x01rv 0' prio=7 status=active\n"
-                  "  |- 0:0:0:0 sd\"a\\\xff 8:0 active ready running\n  `- 1a:0:0:0 sd\xc3\xa9 8:0 failed\n"
-                  "  `- 0:0:0:0 sdz\n\xde\xad\xbe\xef garbage |- : #\n");
-    RunResult r = run({"--records"});
-    ASSERT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(jsonProblem(r.out), "") << r.out;
-    r = run({});
-    ASSERT_EQ(r.exitStatus, 0) << r.describe();
-    EXPECT_EQ(jsonProblem(r.out, "topology-v2.schema.json"), "") << r.out;
-    EXPECT_THAT(r.out, HasSubstr("\"name\":\"m\\\"x\\\\\""));
+    RunResult r = run({});
+    EXPECT_EQ(r.exitStatus, 0) << r.describe();
+    EXPECT_EQ(r.out, "{\"version\":2,\"driver\":\"Device Mapper Multipath Version 0.9.4-3\",\"maps\":[]}\n");
 }
 
 TEST_F(TopologyE2eTest, JsonNestsMapsGroupsAndPathsWithAdapterPorts) {
@@ -117,7 +92,6 @@ TEST_F(TopologyE2eTest, FailuresAreOneErrorLine) {
         const char* said;  // a regular expression
     } cases[] = {
         {{"--json"}, "bash-5.2.15-2\\n", twoMaps, 0, "", 169, "^PathPlannerTopology: AGT0456E "},
-        {{"--fail-if-no-path"}, "bash-5.2.15-2\\n", twoMaps, 0, "", 169, "^PathPlannerTopology: AGT0456E "},
         {{}, kWithTools, fixture("multipath-ll-v2.driver-not-loaded.stdout"), 1,
          fixture("multipath-ll-v2.driver-not-loaded.stderr"), 173, "STA0523E "},
         {{}, kWithTools, "Dec 1 | DM multipath kernel driver not loaded\n", 1, "", 173, "AGT0463I "},
@@ -125,10 +99,7 @@ TEST_F(TopologyE2eTest, FailuresAreOneErrorLine) {
         {{"--table"}, kWithTools, "", -1, "", 173, "STA0523E .*/sbin/multipath"},
         {{"--bogus"}, kWithTools, twoMaps, 0, "", 3, "unknown or incomplete option '--bogus'"},
         {{"--offline", "21000024ff00aa0"}, kWithTools, twoMaps, 0, "", 3, "'21000024ff00aa0' is not a WWPN"},
-        {{"--offline=1", "--online=2"}, kWithTools, twoMaps, 0, "", 3, "only one of --offline"},
-        {{"--force"}, kWithTools, twoMaps, 0, "", 3, "need --offline or --online"},
         {{"--online", "21000024ff00aa00", "--map", "a;b"}, kWithTools, twoMaps, 0, "", 3, "'a;b' is not a multipath map"},
-        {{"--", "--json"}, kWithTools, twoMaps, 0, "", 3, "unexpected argument '--json'"},
         // Known noise on standard error is passed over for the line that explains.
         {{}, kWithTools, "x", 1, "can't set open fds limit to 1048576, got 1024\nfatal: no memory\n", 173,
          "STA0523E .* \\(fatal: no memory\\)\n"},
@@ -188,7 +159,7 @@ constexpr char kPort0[] = "21000024ff00aa00";  // host0: sda (mpatha), sdb (mpat
 constexpr char kPort1[] = "21:00:00:24:FF:00:AA:01";  // host1: sdc (mpatha), sdd (mpathb)
 constexpr char kPortWithoutPaths[] = "0x21000024ff00aa07";
 
-class PathSwitchE2eTest : public TopologyHost {
+class PathSwitchE2eTest : public TopologyE2eTest {
 protected:
     // state holds one "device dmState checkerState" line per path; the fake multipath
     // prints the two-map listing with those states, and the fake multipathd edits
@@ -198,9 +169,7 @@ protected:
         state_ = host.makeHostDir("state");
         setPaths({"sda active ready", "sdb active ready", "sdc active ready", "sdd active ready"});
         installRpm(&host, kWithTools);
-        host.addFakeTool("multipath", "[ -f " + state_ + "/broken ] && { echo \"can't set open fds limit\" >&2;\n"
-                                      "  echo 'DM multipath kernel driver not loaded' >&2; exit 1; }\n"
-                                      "awk 'NR==FNR { dm[$1]=$2; chk[$1]=$3; next }\n"
+        host.addFakeTool("multipath", "awk 'NR==FNR { dm[$1]=$2; chk[$1]=$3; next }\n"
                                       "{ for (i = 1; i <= NF; i++) if ($i in dm) { $(i+2)=dm[$i]; $(i+3)=chk[$i] } print }' " +
                                           state_ + "/paths " + state_ + "/listing");
         testfiles::writeFile(state_ + "/listing", fixture("multipath-ll-v2.two-maps.stdout"));
@@ -215,7 +184,7 @@ protected:
         for (const std::string& line : paths) text += line + "\n";
         testfiles::writeFile(state_ + "/paths", text);
     }
-    // "refuse", "ignore" (say ok, change nothing) or "broken" (multipath fails).
+    // "refuse" or "ignore" (say ok, change nothing).
     void multipathdAnswers(const char* how) { testfiles::writeFile(state_ + "/" + how, ""); }
     std::string state_;
 };
@@ -248,7 +217,7 @@ TEST_F(PathSwitchE2eTest, OfflineThenOnlineTakesExactlyOneAdaptersPaths) {
 TEST_F(PathSwitchE2eTest, RefusalsAndErrorsChangeNothing) {
     const struct {
         Lines args;
-        Lines paths;  // empty: all four active and ready; "broken": multipath fails
+        Lines paths;  // empty: as the row before left them
         int exitStatus;
         const char* said;     // regular expression for the one error line
         const char* printed;  // substring of standard output ("" : nothing printed)
@@ -262,14 +231,9 @@ TEST_F(PathSwitchE2eTest, RefusalsAndErrorsChangeNothing) {
          "sdd active ready"}, 174, "the maps mpathb would", "\"device\":\"sdd\""},
         {{"--offline", kPortWithoutPaths}, {}, 175, "no multipath path runs through the adapter port 21000024ff00aa07", ""},
         {{"--online", "21000024ff00aa99"}, {}, 175, "no adapter port has the WWPN 21000024ff00aa99", ""},
-        {{"--offline", kPort0, "--map", "mpathz"}, {}, 175, "no multipath map is named mpathz", ""},
-        // Last: a listing that fails stops before any change.
-        {{"--online", kPort0}, {"broken"}, 173,
-         "STA0523E .*multipath\" -ll -v2 \\(DM multipath kernel driver not loaded\\)\n", ""},
     };
     for (const auto& c : cases) {
-        if (c.paths == Lines{"broken"}) multipathdAnswers("broken");
-        if (!c.paths.empty() && c.paths[0] != "broken") setPaths(c.paths);
+        if (!c.paths.empty()) setPaths(c.paths);
         RunResult r = run(c.args);
         EXPECT_EQ(r.exitStatus, c.exitStatus) << c.said << ": " << r.describe();
         EXPECT_EQ(splitLines(r.err).size(), 1u) << r.err;

@@ -1,5 +1,5 @@
-// Test doubles for the drivers' outside world: fake tools, a mock driver, and the
-// trace and the activity log read back as text.
+// Test doubles for the drivers' outside world: fake tools, and the trace and the
+// activity log read back as text.
 #ifndef TESTS_FAKES_FAKETOOLS_H
 #define TESTS_FAKES_FAKETOOLS_H
 
@@ -16,7 +16,6 @@
 #include "Common/AgentMessages.h"
 #include "Common/AgentTrace.h"
 #include "Common/LogManager.h"
-#include "Multipath/MultipathDriver.h"
 #include "tests/support/TestFiles.h"
 
 namespace fakes {
@@ -75,16 +74,6 @@ public:
 private:
     testfiles::TempDir dir_;
     LogManager log_;
-};
-
-class MockMultipathDriver : public MultipathDriver {
-public:
-    MOCK_METHOD(int32_t, setPolicy, (int32_t, const std::vector<std::string>&), (override));
-    MOCK_METHOD(int32_t, setState, (int32_t, const std::string&, const std::vector<std::string>&), (override));
-    MOCK_METHOD(std::vector<std::string>, getErrorDevices, (), (override));
-    MOCK_METHOD(std::vector<std::string>, getErrorWWPNs, (), (override));
-    MOCK_METHOD(std::string, getVersion, (), (override));
-    MOCK_METHOD(int32_t, performDynamicReconfiguration, (), (override));
 };
 
 }  // namespace fakes

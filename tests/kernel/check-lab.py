@@ -89,9 +89,9 @@ def path_switch():
     if topology is None:
         return
     compare_with_listings(topology)
+    # A path given the wrong adapter port shows below: --offline by host0's port must change
+    # exactly host0's paths.
     paths = tool_paths(topology)
-    for dev, p in paths.items():
-        check(f"{dev}: adapter port of host{p['host']}", p["adapterWwpn"] == f"21000024ff00aa0{p['host']}", p)
     port0 = sorted(d for d, p in paths.items() if p["host"] == 0)
     check("adapter 0 has paths", len(port0) >= 2, port0)
     before = shown_paths("paths-before")
@@ -105,10 +105,8 @@ def path_switch():
     check("multipathd: adapter 0's paths failed, the others active",
           all((p["dm"] == "failed") == (d in port0) for d, p in after.items()), after)
 
+    # The refusal's one line naming the maps is TopologyE2eTest's.
     check("last-path refusal exit 174", status("refusal") == 174)
-    check("refusal is one line naming the maps",
-          read("refusal", "err").count("\n") == 1 and all(m["name"] in read("refusal", "err") for m in topology["maps"]),
-          read("refusal", "err"))
     # The path checker may change a checker state in between; the dm states are the refusal's.
     dm_states = lambda paths: {d: p["dm"] for d, p in paths.items()}
     check("refusal changed nothing", dm_states(shown_paths("paths-refused")) == dm_states(after),
@@ -118,13 +116,9 @@ def path_switch():
           all((p["dm"] == "failed") == (d in port0) for d, p in later.items()), later)
 
     check("--online exit 0", status("online") == 0)
+    # What the activity log says of each change and of the refusal is TopologyE2eTest's: it does not
+    # depend on the kernel. The log is still shown above for whoever reads a failed run.
     check("--online brings every path back", all(p["dm"] == "active" for p in shown_paths("paths-after").values()))
-    log = read("activity", "log")
-    for dev in port0:
-        check(f"log: {dev} offline and online",
-              re.search(rf"AGT0470I User root set the path {dev} of", log) is not None and
-              re.search(rf"AGT0471I User root set the path {dev} of", log) is not None)
-    check("log: the refusal", "AGT0473W" in log)
 
 
 def queueing():

@@ -81,12 +81,7 @@ rpm=$dir/pathplanner-${version}.$(uname -m).rpm
 echo "== lintian $(basename "$deb")"
 lintian --fail-on error --display-level '>=info' "$deb" || fail "lintian reports errors"
 
-echo "== dpkg-deb --info / --contents"
-dpkg-deb --field "$deb" Package Version Architecture Maintainer Depends Suggests
-dpkg-deb --contents "$deb" | awk '{print $1, $6}'
-
-echo "== rpm -qpi / -qpl / -qpR $(basename "$rpm")"
-rpm -qp --queryformat '%{NAME} %{VERSION}-%{RELEASE} %{ARCH} vendor: %{VENDOR} packager: %{PACKAGER}\n' "$rpm"
+echo "== rpm -qpl / -qpR $(basename "$rpm")"
 files=$(rpm -qpl "$rpm")
 for f in /opt/ZOR/QLX/agent/bin/PathPlanner /opt/ZOR/QLX/agent/bin/PathPlannerTopology \
          /opt/ZOR/QLX/agent/log /opt/ZOR/QLX/agent/nls/en_US/qlxna.cat /opt/ZOR/QLX/agent/nls/de_DE/qlxna.cat \
