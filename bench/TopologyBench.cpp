@@ -15,6 +15,8 @@
 
 namespace {
 
+const std::string kDriverText = "Device Mapper Multipath Version 0.9.4-3";
+
 std::string makeListing(int64_t paths) {
     std::string listing;
     for (int64_t map = 0; map * 4 < paths; ++map) {
@@ -82,7 +84,7 @@ void BM_ParseTopology(benchmark::State& state) {
     std::string listing = makeListing(state.range(0));
     for (auto _ : state) {
         Topology topology;
-        dmParseTopology(listing, "Device Mapper Multipath Version 0.9.4-3", &topology);
+        dmParseTopology(listing, kDriverText, &topology);
         benchmark::DoNotOptimize(topology.size());
         // Freeing the records is the caller's business, not the parser's.
         state.PauseTiming();
@@ -98,7 +100,6 @@ BENCHMARK(BM_ParseTopology)->Arg(10000)->Arg(100000)->Arg(1000000)->Unit(benchma
 // The floor under any parser of this listing: making the records with their strings
 // and putting them into the map in listing order, with nothing read from text.
 void makeRecords(const std::vector<std::string>& devices, Topology* topology) {
-    const std::string driverText = "Device Mapper Multipath Version 0.9.4-3";
     auto next = topology->end();
     for (const std::string& device : devices) {
         auto rec = std::make_unique<PathRecord>();
@@ -107,7 +108,7 @@ void makeRecords(const std::vector<std::string>& devices, Topology* topology) {
         rec->state = "ready";
         rec->policy = "service-time";
         rec->disk = "mpath12345";
-        rec->driverVersion = driverText;
+        rec->driverVersion = kDriverText;
         auto slot = topology->try_emplace(next, device);
         slot->second = std::move(rec);
         next = std::next(slot);
@@ -139,7 +140,7 @@ void BM_ParseTopologyFreshProcess(benchmark::State& state) {
     const std::string listing = makeListing(state.range(0));
     roundsInFreshProcesses(state, [&listing] {
         Topology topology;
-        dmParseTopology(listing, "Device Mapper Multipath Version 0.9.4-3", &topology);
+        dmParseTopology(listing, kDriverText, &topology);
         benchmark::DoNotOptimize(topology.size());
     });
 }

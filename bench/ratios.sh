@@ -153,17 +153,18 @@ report("topology 100k paths rate", rate, f"{rate:.0f} MB/s" if rate else "", "go
 per_path = ratio(cpu_ns(large) / 1e6 if large else None, cpu_ns(small) / 1e4 if small else None)
 report_ratio("topology linearity 10k..1M", per_path, "per path at 1M vs 10k", 1.5)
 # What making the records costs with no text read at all: the floor under the goal.
-floor = cpu_ns(bench(topology, [r"BM_RecordsAlone/100000"]))
-if floor:
-    print(f"{'topology 100k records alone':<28} {f'{floor / 1e6:.1f} ms':<42} {'(no goal)':<17} info")
+def info_ms(label, ns):
+    if ns:
+        print(f"{label:<28} {f'{ns / 1e6:.1f} ms':<42} {'(no goal)':<17} info")
+
+
+info_ms("topology 100k records alone", cpu_ns(bench(topology, [r"BM_RecordsAlone/100000"])))
 # The same, once in a fresh process as the tool runs: its time is the child's CPU,
 # reported as the benchmark's manual time.
 for label, name in (("topology 100k, fresh process", "BM_ParseTopologyFreshProcess"),
                     ("records alone, fresh process", "BM_RecordsAloneFreshProcess")):
     run = bench(topology, [rf"{name}/100000(/manual_time)?"])
-    if run:
-        fresh_ms = run["real_time"] * UNIT_NS[run["time_unit"]] / 1e6
-        print(f"{label:<28} {f'{fresh_ms:.1f} ms':<42} {'(no goal)':<17} info")
+    info_ms(label, run["real_time"] * UNIT_NS[run["time_unit"]] if run else None)
 
 pool = load("PoolBench")
 malloc_pair = cpu_ns(bench(pool, [r"BM_MallocPair", r"BM_AllocFreePairSingleThreaded<SystemCalls>(/64)?",
